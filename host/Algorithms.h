@@ -1,0 +1,146 @@
+#pragma once
+// The host's algorithm classes. Each exposes its parameters as properties, in the order below,
+// and runs its generic implementation when no registered runner accepts a request.
+#include "host/Algorithm.h"
+#include "host/Measurement.h"
+
+namespace lyn {
+
+// Base of the algorithms that read one input image and write one output image.
+class ImageToImageAlgorithm : public BaseAlgorithm {
+protected:
+    // Rejects a missing input or output.
+    void checkImages(const ImageModel* input, const ImageModel* output) const;
+    // Gives the output the input's type and extents (nothing to do in place).
+    void shapeOutput(const ImageModel* input, ImageModel* output);
+};
+
+namespace morphology {
+
+// Dilation or erosion by an elementary neighbourhood applied `kernelRadius` times.
+class SquareMorphology : public ImageToImageAlgorithm {
+public:
+    Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
+    Property<unsigned int> kernelRadius{this, "KernelRadius", 1};
+    // 2D: 0 the 4-connected cross, any other value the 8-connected square.
+    // 3D: 0 6-connected, 1 18-connected, any other value 26-connected.
+    Property<int> neighborhood{this, "Neighborhood", 1};
+    Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
+
+protected:
+    SquareMorphology(bool dilate, int dimensions) : m_dilate(dilate), m_dimensions(dimensions) {}
+    void checkProperties() const override;
+    void prepareOutputs() override;
+    void runGeneric() override;
+
+private:
+    bool m_dilate;
+    int m_dimensions;
+};
+
+class Dilation2d : public SquareMorphology {
+    LYN_ALGORITHM_CLASS(Dilation2d, "lyn::morphology::Dilation2d")
+    Dilation2d() : SquareMorphology(true, 2) {}
+};
+class Erosion2d : public SquareMorphology {
+    LYN_ALGORITHM_CLASS(Erosion2d, "lyn::morphology::Erosion2d")
+    Erosion2d() : SquareMorphology(false, 2) {}
+};
+class Dilation3d : public SquareMorphology {
+    LYN_ALGORITHM_CLASS(Dilation3d, "lyn::morphology::Dilation3d")
+    Dilation3d() : SquareMorphology(true, 3) {}
+};
+class Erosion3d : public SquareMorphology {
+    LYN_ALGORITHM_CLASS(Erosion3d, "lyn::morphology::Erosion3d")
+    Erosion3d() : SquareMorphology(false, 3) {}
+};
+
+// Structuring-element algorithms whose host implementation is not available in this build: they
+// raise a clear error when no runner serves them.
+class StructuringElementMorphology : public ImageToImageAlgorithm {
+protected:
+    void runGeneric() override;
+};
+
+// Disk (2D) and ball (3D): radius, and mode 0 for the fast decomposition, other values exact.
+class RadiusModeMorphology : public StructuringElementMorphology {
+public:
+    Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
+    Property<unsigned int> kernelRadius{this, "KernelRadius", 1};
+    Property<int> mode{this, "Mode", 0};
+    Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
+
+protected:
+    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
+};
+
+// Line (2D): orientation in degrees from the column axis, and length in pixels.
+class LineMorphology2d : public StructuringElementMorphology {
+public:
+    Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
+    Property<double> angle{this, "Angle", 0.0};
+    Property<unsigned int> length{this, "Length", 1};
+    Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
+
+protected:
+    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
+};
+
+// Disk in an oriented plane, or line, in 3D: two angles in degrees and a size.
+class OrientedMorphology3d : public StructuringElementMorphology {
+public:
+    Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
+    Property<double> angle1{this, "Angle1", 0.0};
+    Property<double> angle2{this, "Angle2", 0.0};
+    Property<unsigned int> size{this, "Size", 1};
+    Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
+
+protected:
+    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
+};
+
+#define LYN_SE_CLASS(Name, Base)                                    \
+    class Name : public Base {                                      \
+        LYN_ALGORITHM_CLASS(Name, "lyn::morphology::" #Name)       \
+    };
+LYN_SE_CLASS(DilationDisk2d, RadiusModeMorphology)
+LYN_SE_CLASS(ErosionDisk2d, RadiusModeMorphology)
+LYN_SE_CLASS(DilationBall3d, RadiusModeMorphology)
+LYN_SE_CLASS(ErosionBall3d, RadiusModeMorphology)
+LYN_SE_CLASS(DilationLine2d, LineMorphology2d)
+LYN_SE_CLASS(ErosionLine2d, LineMorphology2d)
+LYN_SE_CLASS(DilationDisk3d, OrientedMorphology3d)
+LYN_SE_CLASS(ErosionDisk3d, OrientedMorphology3d)
+LYN_SE_CLASS(DilationLine3d, OrientedMorphology3d)
+LYN_SE_CLASS(ErosionLine3d, OrientedMorphology3d)
+#undef LYN_SE_CLASS
+
+} // namespace morphology
+
+namespace analysis {
+
+// Smallest and largest voxel value, for the whole image or per element of the axes that the
+// range mode selects (bit 1: plans, bit 4: axis 3, bit 2: axis 4).
+class IntensityExtrema : public BaseAlgorithm {
+    LYN_ALGORITHM_CLASS(IntensityExtrema, "lyn::analysis::IntensityExtrema")
+    Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
+    Property<int> rangeMode{this, "RangeMode", 0};
+    Property<IntensityExtremaMsr*> result{this, "Result", nullptr};
+
+    // Result shape for a mode and image: (plans or 1, axis 3 or 1, axis 4 or 1).
+    static object_model::TupleX resultShape(int mode, const ImageModel& image);
+
+protected:
+    void checkProperties() const override;
+    void runGeneric() override;
+};
+
+} // namespace analysis
+
+// Names of every algorithm class, in the plug-in's source-file order.
+const std::vector<const char*>& algorithmClassNames();
+
+} // namespace lyn

@@ -1,0 +1,151 @@
+#pragma once
+// Border conditions: how a row that reaches outside the image is completed. Row readers of the
+// views and caches go through them, so kernels never test an image edge.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <memory>
+
+#include "host/Image.h"
+
+namespace lyn {
+namespace access {
+
+// Typed, bounds-free access to the voxels of one image; the memory layout is looked up once.
+class ImageAccess {
+public:
+    explicit ImageAccess(const ImageModel* image) : m_image(image) {
+        for (int a = 0; a < 5; ++a) m_extents[a] = static_cast<long>(image->getNumOf(static_cast<Components>(a)));
+        m_direct = image->getMemoryLayout(m_layout);
+        m_elementSize = static_cast<std::size_t>(helper::getSizeOf(image->getVoxelType()));
+    }
+
+    const ImageModel* image() const { return m_image; }
+    long extent(int axis) const { return m_extents[axis]; }
+    bool insideOuter(long row, long plan, long seq, long spec) const {
+        return row >= 0 && row < m_extents[1] && plan >= 0 && plan < m_extents[2] && seq >= 0 &&
+               seq < m_extents[3] && spec >= 0 && spec < m_extents[4];
+    }
+
+    // `count` voxels of one row, all inside the image.
+    void read(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const {
+        if (m_direct) {
+            std::memcpy(dst, address(col, row, plan, seq, spec), count * m_elementSize);
+        } else {
+            m_image->readRaw(dst, count, col, row, plan, seq, spec);
+        }
+    }
+    bool write(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spec) const {
+        // Writable views are only built from non-const images (View::New).
+        auto* image = const_cast<ImageModel*>(m_image);
+        if (m_direct && col >= 0 && insideOuter(row, plan, seq, spec) &&
+            col + static_cast<long>(count) <= m_extents[0]) {
+            std::memmove(address(col, row, plan, seq, spec), src, count * m_elementSize);
+            return true;
+        }
+        return image->writeRaw(src, count, col, row, plan, seq, spec);
+    }
+
+private:
+    char* address(long col, long row, long plan, long seq, long spec) const {
+        return m_layout.base + col * m_layout.strides[0] + row * m_layout.strides[1] + plan * m_layout.strides[2] +
+               seq * m_layout.strides[3] + spec * m_layout.strides[4];
+    }
+
+    const ImageModel* m_image;
+    long m_extents[5] = {0, 0, 0, 0, 0};
+    MemoryLayout m_layout;
+    bool m_direct = false;
+    std::size_t m_elementSize = 1;
+};
+
+template <class T>
+class BorderCondition {
+public:
+    virtual ~BorderCondition() = default;
+    // Fills [begin, end) with the row that starts at (col, row, plan, seq, spec); any coordinate may
+    // lie outside the image, and the voxels there follow this condition's rule.
+    virtual void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
+                         long spec) const = 0;
+    // A short human-readable description ("fixed 0", "continue").
+    virtual std::string describe() const = 0;
+};
+
+// Voxels outside the image read as one fixed value.
+template <class T>
+class FixedBorderCondition : public BorderCondition<T> {
+public:
+    explicit FixedBorderCondition(T value) : m_value(value) {}
+    static std::shared_ptr<FixedBorderCondition> New(T value) { return std::make_shared<FixedBorderCondition>(value); }
+
+    T getValue() const { return m_value; }
+
+    void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
+                 long spec) const override {
+        const long n = end - begin;
+        if (n <= 0) return;
+        if (!access.insideOuter(row, plan, seq, spec)) {
+            std::fill(begin, end, m_value);
+            return;
+        }
+        const long first = std::max(col, 0L);
+        const long last = std::min(col + n, access.extent(0));
+        if (last <= first) {
+            std::fill(begin, end, m_value);
+            return;
+        }
+        std::fill(begin, begin + (first - col), m_value);
+        access.read(begin + (first - col), static_cast<std::uint64_t>(last - first), first, row, plan, seq, spec);
+        std::fill(begin + (last - col), end, m_value);
+    }
+    std::string describe() const override { return "fixed"; }
+
+private:
+    T m_value;
+};
+
+// Voxels outside the image read as the nearest voxel inside it (clamped coordinates).
+template <class T>
+class ContinueBorderCondition : public BorderCondition<T> {
+public:
+    static std::shared_ptr<ContinueBorderCondition> New() { return std::make_shared<ContinueBorderCondition>(); }
+
+    void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
+                 long spec) const override {
+        const long n = end - begin;
+        if (n <= 0) return;
+        for (int a = 0; a < 5; ++a)
+            if (access.extent(a) == 0) {
+                std::fill(begin, end, T{});  // an empty image has no voxel to continue
+                return;
+            }
+        row = clamp(row, 1, access);
+        plan = clamp(plan, 2, access);
+        seq = clamp(seq, 3, access);
+        spec = clamp(spec, 4, access);
+        const long nc = access.extent(0);
+        const long first = std::max(col, 0L);
+        const long last = std::min(col + n, nc);
+        if (last <= first) {
+            T edge;
+            access.read(&edge, 1, col < 0 ? 0 : nc - 1, row, plan, seq, spec);
+            std::fill(begin, end, edge);
+            return;
+        }
+        T* mid = begin + (first - col);
+        access.read(mid, static_cast<std::uint64_t>(last - first), first, row, plan, seq, spec);
+        std::fill(begin, mid, *mid);
+        T* tail = begin + (last - col);
+        std::fill(tail, end, *(tail - 1));
+    }
+    std::string describe() const override { return "continue"; }
+
+private:
+    static long clamp(long v, int axis, const ImageAccess& access) {
+        return std::min(std::max(v, 0L), access.extent(axis) - 1);
+    }
+};
+
+} // namespace access
+} // namespace lyn

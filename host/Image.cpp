@@ -1,0 +1,194 @@
+#include "host/Image.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace lyn {
+
+ImageModel::~ImageModel() = default;
+
+bool ImageModel::getMemoryLayout(MemoryLayout&) const { return false; }
+
+Extents ImageModel::extents() const {
+    Extents e{};
+    for (int a = 0; a < 5; ++a) e[a] = getNumOf(static_cast<Components>(a));
+    return e;
+}
+
+std::uint64_t ImageModel::getNumOfVoxels() const {
+    std::uint64_t n = 1;
+    for (auto e : extents()) n *= e;
+    return n;
+}
+
+std::uint64_t ImageModel::getSizeInBytes() const { return getNumOfVoxels() * helper::getSizeOf(getVoxelType()); }
+
+bool ImageModel::hasSameExtents(const ImageModel& other) const { return extents() == other.extents(); }
+
+std::string ImageModel::describe() const {
+    Extents e = extents();
+    int last = 1;
+    for (int a = 2; a < 5; ++a)
+        if (e[a] != 1) last = a;
+    std::string s;
+    for (int a = 0; a <= last; ++a) s += (a ? " x " : "") + std::to_string(e[a]);
+    return s + " " + voxelTypeName(getVoxelType());
+}
+
+// ---------------------------------------------------------------------------------------------
+namespace {
+constexpr std::size_t kAlign = 32;
+
+void* alignedAllocate(std::uint64_t bytes) {
+    // One spare vector at the end so whole-vector reads of the last row stay inside the block.
+    std::uint64_t rounded = (bytes + kAlign - 1) / kAlign * kAlign + kAlign;
+    void* p = std::aligned_alloc(kAlign, rounded);
+    if (!p) throw std::bad_alloc();
+    std::memset(p, 0, rounded);
+    return p;
+}
+} // namespace
+
+MemoryImage::MemoryImage() = default;
+
+MemoryImage::MemoryImage(VoxelTypes type, const Extents& extents) { allocate(type, extents); }
+
+MemoryImage::MemoryImage(VoxelTypes type, std::uint64_t cols, std::uint64_t rows, std::uint64_t plans,
+                         std::uint64_t sequence, std::uint64_t spectral) {
+    allocate(type, {cols, rows, plans, sequence, spectral});
+}
+
+MemoryImage::MemoryImage(void* external, VoxelTypes type, const Extents& extents)
+    : m_type(type), m_extents(extents), m_data(external), m_owned(false) {
+    if (!isValidVoxelType(type)) raise<RuleException>("Invalid voxel type for an image", "host/Image", __LINE__);
+}
+
+MemoryImage::~MemoryImage() { release(); }
+
+std::shared_ptr<MemoryImage> MemoryImage::New(VoxelTypes type, const Extents& extents) {
+    return std::make_shared<MemoryImage>(type, extents);
+}
+
+void MemoryImage::release() {
+    if (m_owned) std::free(m_data);
+    m_data = nullptr;
+    m_owned = true;
+}
+
+void MemoryImage::allocate(VoxelTypes type, const Extents& extents) {
+    if (!isValidVoxelType(type)) raise<RuleException>("Invalid voxel type for an image", "host/Image", __LINE__);
+    std::uint64_t n = 1;
+    for (auto e : extents) {
+        if (e != 0 && n > UINT64_MAX / e) throw std::bad_alloc();
+        n *= e;
+    }
+    std::uint64_t size = helper::getSizeOf(type);
+    if (n > UINT64_MAX / size / 2) throw std::bad_alloc();
+    void* p = alignedAllocate(n * size);
+    release();
+    m_data = p;
+    m_type = type;
+    m_extents = extents;
+}
+
+bool MemoryImage::tryAllocate(VoxelTypes type, const Extents& extents) {
+    try {
+        allocate(type, extents);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+std::uint64_t MemoryImage::getNumOf(const Components& axis) const {
+    return (axis >= 0 && axis < 5) ? m_extents[axis] : 1;
+}
+
+void MemoryImage::enforceSameCharacteristics(const ImageModel* reference, const int& flags) {
+    if (!reference || reference == this) return;
+    VoxelTypes type = (flags & SameVoxelType) ? reference->getVoxelType() : m_type;
+    Extents ext = (flags & SameSize) ? reference->extents() : m_extents;
+    if (type == m_type && ext == m_extents && m_data) return;
+    if (!m_owned) raise<RuleException>("An image wrapping external memory cannot change its type or extents",
+                                       "host/Image", __LINE__);
+    allocate(type, ext);
+}
+
+std::uint64_t MemoryImage::index(long col, long row, long plan, long seq, long spec) const {
+    return static_cast<std::uint64_t>(col) +
+           m_extents[0] * (static_cast<std::uint64_t>(row) +
+                           m_extents[1] * (static_cast<std::uint64_t>(plan) +
+                                           m_extents[2] * (static_cast<std::uint64_t>(seq) +
+                                                           m_extents[3] * static_cast<std::uint64_t>(spec))));
+}
+
+char* MemoryImage::address(long col, long row, long plan, long seq, long spec) const {
+    return static_cast<char*>(m_data) + index(col, row, plan, seq, spec) * helper::getSizeOf(m_type);
+}
+
+void MemoryImage::readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const {
+    std::memcpy(dst, address(col, row, plan, seq, spec), count * helper::getSizeOf(m_type));
+}
+
+bool MemoryImage::writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq,
+                           long spec) {
+    if (col < 0 || row < 0 || plan < 0 || seq < 0 || spec < 0 || static_cast<std::uint64_t>(col) + count > m_extents[0] ||
+        static_cast<std::uint64_t>(row) >= m_extents[1] || static_cast<std::uint64_t>(plan) >= m_extents[2] ||
+        static_cast<std::uint64_t>(seq) >= m_extents[3] || static_cast<std::uint64_t>(spec) >= m_extents[4])
+        return false;
+    std::memmove(address(col, row, plan, seq, spec), src, count * helper::getSizeOf(m_type));
+    return true;
+}
+
+bool MemoryImage::getMemoryLayout(MemoryLayout& layout) const {
+    if (!m_data) return false;
+    std::int64_t s = static_cast<std::int64_t>(helper::getSizeOf(m_type));
+    layout.base = static_cast<char*>(m_data);
+    for (int a = 0; a < 5; ++a) {
+        layout.strides[a] = s;
+        s *= static_cast<std::int64_t>(m_extents[a]);
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+ImageModelSizeProxy::ImageModelSizeProxy(const ImageModel* source, std::uint64_t colOrigin, std::uint64_t cols,
+                                         std::uint64_t rowOrigin, std::uint64_t rows, std::uint64_t planOrigin,
+                                         std::uint64_t plans, std::uint64_t seqOrigin, std::uint64_t seqs,
+                                         std::uint64_t specOrigin, std::uint64_t specs)
+    : m_source(source), m_origin{colOrigin, rowOrigin, planOrigin, seqOrigin, specOrigin},
+      m_extents{cols, rows, plans, seqs, specs} {
+    if (!source) raise<RuleException>("A size proxy needs a source image", "host/Image", __LINE__);
+    for (int a = 0; a < 5; ++a)
+        if (m_origin[a] + m_extents[a] > source->getNumOf(static_cast<Components>(a)))
+            raise<RuleException>("A size proxy must lie inside its source image", "host/Image", __LINE__);
+}
+
+void ImageModelSizeProxy::enforceSameCharacteristics(const ImageModel* reference, const int& flags) {
+    if (!reference) return;
+    bool sameType = !(flags & SameVoxelType) || reference->getVoxelType() == getVoxelType();
+    bool sameSize = !(flags & SameSize) || reference->extents() == m_extents;
+    if (!sameType || !sameSize)
+        raise<RuleException>("A size proxy cannot change its type or extents", "host/Image", __LINE__);
+}
+
+void ImageModelSizeProxy::readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq,
+                                  long spec) const {
+    m_source->readRaw(dst, count, col + static_cast<long>(m_origin[0]), row + static_cast<long>(m_origin[1]),
+                      plan + static_cast<long>(m_origin[2]), seq + static_cast<long>(m_origin[3]),
+                      spec + static_cast<long>(m_origin[4]));
+}
+
+bool ImageModelSizeProxy::writeRaw(const void*, std::uint64_t, long, long, long, long, long) {
+    // Proxies serve read-only sub-images.
+    return false;
+}
+
+bool ImageModelSizeProxy::getMemoryLayout(MemoryLayout& layout) const {
+    if (!m_source->getMemoryLayout(layout)) return false;
+    for (int a = 0; a < 5; ++a) layout.base += static_cast<std::int64_t>(m_origin[a]) * layout.strides[a];
+    return true;
+}
+
+} // namespace lyn

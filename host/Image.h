@@ -1,0 +1,117 @@
+#pragma once
+// Images: the abstract ImageModel every algorithm reads and writes, the in-memory image, and a
+// proxy presenting a sub-box of another image as an image of its own.
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "host/VoxelTypes.h"
+
+namespace lyn {
+
+// Direct addressing of an image held in memory: byte strides along the five axes.
+struct MemoryLayout {
+    char* base = nullptr;
+    std::array<std::int64_t, 5> strides{};
+};
+
+using Extents = std::array<std::uint64_t, 5>;
+
+class ImageModel {
+public:
+    // Flags for enforceSameCharacteristics.
+    enum Characteristics : int { SameVoxelType = 1, SameSize = 2, SameAll = 3 };
+
+    virtual ~ImageModel();
+
+    virtual std::uint64_t getNumOf(const Components& axis) const = 0;
+    virtual VoxelTypes getVoxelType() const = 0;
+    // 0 for an image held in memory, 1 for an image read from and written to its file.
+    virtual int getStorageType() const = 0;
+    // Makes this image take the voxel type and/or extents of `reference`, reallocating when they differ.
+    virtual void enforceSameCharacteristics(const ImageModel* reference, const int& flags) = 0;
+
+    // Copies `count` voxels of one row, all inside the image, to `dst` (no border handling here).
+    virtual void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const = 0;
+    // Writes `count` voxels of one row, all inside the image; false when the image refused the write.
+    virtual bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq,
+                          long spec) = 0;
+    // Fills `layout` and returns true when the voxels are directly addressable in memory.
+    virtual bool getMemoryLayout(MemoryLayout& layout) const;
+
+    Extents extents() const;
+    std::uint64_t getNumOfVoxels() const;
+    std::uint64_t getSizeInBytes() const;
+    bool hasSameExtents(const ImageModel& other) const;
+    // "512 x 512 x 256 uint8" (trailing axes of extent 1 omitted).
+    std::string describe() const;
+};
+
+// An image whose voxels live in one 32-byte aligned buffer, columns fastest.
+class MemoryImage : public ImageModel {
+public:
+    MemoryImage();
+    MemoryImage(VoxelTypes type, const Extents& extents);
+    MemoryImage(VoxelTypes type, std::uint64_t cols, std::uint64_t rows, std::uint64_t plans = 1,
+                std::uint64_t sequence = 1, std::uint64_t spectral = 1);
+    // Wraps memory owned elsewhere (C order, columns fastest); the caller keeps it alive.
+    MemoryImage(void* external, VoxelTypes type, const Extents& extents);
+    ~MemoryImage() override;
+    MemoryImage(const MemoryImage&) = delete;
+    MemoryImage& operator=(const MemoryImage&) = delete;
+
+    static std::shared_ptr<MemoryImage> New(VoxelTypes type, const Extents& extents);
+
+    // Reallocates for a new type and shape; throws std::bad_alloc when memory is short.
+    void allocate(VoxelTypes type, const Extents& extents);
+    // Like allocate, but reports failure instead of throwing.
+    bool tryAllocate(VoxelTypes type, const Extents& extents);
+
+    std::uint64_t getNumOf(const Components& axis) const override;
+    VoxelTypes getVoxelType() const override { return m_type; }
+    int getStorageType() const override { return 0; }
+    void enforceSameCharacteristics(const ImageModel* reference, const int& flags) override;
+    void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const override;
+    bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spec) override;
+    bool getMemoryLayout(MemoryLayout& layout) const override;
+
+    void* data() { return m_data; }
+    const void* data() const { return m_data; }
+    template <class T> T* dataAs() { return static_cast<T*>(m_data); }
+    template <class T> const T* dataAs() const { return static_cast<const T*>(m_data); }
+    // Linear index of a voxel, in elements.
+    std::uint64_t index(long col, long row, long plan = 0, long seq = 0, long spec = 0) const;
+
+private:
+    void release();
+    char* address(long col, long row, long plan, long seq, long spec) const;
+
+    VoxelTypes m_type = UInt8;
+    Extents m_extents{0, 0, 0, 0, 0};
+    void* m_data = nullptr;
+    bool m_owned = true;
+};
+
+// A sub-box of another image: (origin, extent) per axis, in Components order.
+class ImageModelSizeProxy : public ImageModel {
+public:
+    ImageModelSizeProxy(const ImageModel* source, std::uint64_t colOrigin, std::uint64_t cols,
+                        std::uint64_t rowOrigin, std::uint64_t rows, std::uint64_t planOrigin, std::uint64_t plans,
+                        std::uint64_t seqOrigin, std::uint64_t seqs, std::uint64_t specOrigin, std::uint64_t specs);
+
+    std::uint64_t getNumOf(const Components& axis) const override { return m_extents[axis]; }
+    VoxelTypes getVoxelType() const override { return m_source->getVoxelType(); }
+    int getStorageType() const override { return m_source->getStorageType(); }
+    void enforceSameCharacteristics(const ImageModel* reference, const int& flags) override;
+    void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const override;
+    bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spec) override;
+    bool getMemoryLayout(MemoryLayout& layout) const override;
+
+private:
+    const ImageModel* m_source;
+    Extents m_origin;
+    Extents m_extents;
+};
+
+} // namespace lyn

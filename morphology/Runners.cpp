@@ -1,0 +1,40 @@
+#include "morphology/Runners.h"
+
+namespace lyn {
+namespace morphology {
+
+bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorphology* typed) {
+    if (!typed) return false;
+    const ImageModel* in = typed->inputImage.get();
+    if (!in) return false;
+    const int t = in->getVoxelType();
+    if (in->getStorageType() == 0) {
+        // Both properties are read afresh for each comparison, as the limits are per value.
+        for (int n = 0; n < 3; ++n)
+            if (typed->neighborhood.get() == n && limits.limit[n] >= 0 &&
+                static_cast<long>(typed->kernelRadius.get()) > limits.limit[n])
+                return false;
+    }
+    return helper::commonAcceptance(t);
+}
+
+const PassLimits Dilation2dAVX2Runner::limits = {{46, 35, -1}};
+const PassLimits Erosion2dAVX2Runner::limits = {{51, 37, -1}};
+const PassLimits Dilation3dAVX2Runner::limits = {{69, 61, 77}};
+const PassLimits Erosion3dAVX2Runner::limits = {{103, 81, 132}};
+
+bool Dilation2dAVX2Runner::isRunnable(BaseAlgorithm* algo) const {
+    return squareCubeRunnable(algo, limits, dynamic_cast<Dilation2d*>(algo));
+}
+bool Erosion2dAVX2Runner::isRunnable(BaseAlgorithm* algo) const {
+    return squareCubeRunnable(algo, limits, dynamic_cast<Erosion2d*>(algo));
+}
+bool Dilation3dAVX2Runner::isRunnable(BaseAlgorithm* algo) const {
+    return squareCubeRunnable(algo, limits, dynamic_cast<Dilation3d*>(algo));
+}
+bool Erosion3dAVX2Runner::isRunnable(BaseAlgorithm* algo) const {
+    return squareCubeRunnable(algo, limits, dynamic_cast<Erosion3d*>(algo));
+}
+
+} // namespace morphology
+} // namespace lyn

@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs the Debian packages lyn needs to build, test and benchmark. Idempotent: quiet when all is there.
+set -euo pipefail
+pkgs=(g++ cmake ninja-build pkg-config libtbb-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libtiff-dev)
+missing=()
+for p in "${pkgs[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+echo "setup: installing ${missing[*]}" >&2
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,116 @@
+// lyn: command-line front end of the lyn image-processing framework.
+#include <cstdio>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "host/Exceptions.h"
+#include "tools/Commands.h"
+#include "tools/Npy.h"
+
+using namespace lyn::tool;
+
+namespace {
+
+void addCommon(CLI::App* cmd, CommonOptions& c) {
+    cmd->add_option("--threads", c.threads, "At most N worker threads (default: all cores)")
+        ->check(CLI::PositiveNumber);
+    cmd->add_flag("--generic", c.generic, "Do not use the plug-in: the host's generic code computes everything");
+    cmd->add_flag("--quiet", c.quiet, "No progress bar");
+    cmd->add_flag("--force", c.force, "Overwrite an existing OUTPUT");
+    cmd->add_flag("--on-disk", c.onDisk, "Operate on the files without loading them into memory");
+    cmd->add_option("--tmpdir", c.tmpdir, "Where temporary images on disk go");
+    cmd->add_option("--memory-budget", c.memoryBudget, "Extra memory the algorithms may use (suffixes K, M, G)");
+}
+
+void addShape(CLI::App* cmd, ShapeOptions& s) {
+    cmd->add_option("--shape", s.shape, "square, cube, disk, ball, line, disk3d or line3d")->required();
+    cmd->add_option("--radius", s.radius, "Radius R")->check(CLI::NonNegativeNumber);
+    cmd->add_option("--connectivity", s.connectivity, "square: 8 or 4; cube: 26, 18 or 6")
+        ->check(CLI::NonNegativeNumber);
+    cmd->add_option("--length", s.length, "Line length L in pixels (at least 1)")->check(CLI::NonNegativeNumber);
+    cmd->add_option("--angle", s.angle, "Line angle in degrees from the column axis")->each([&s](const std::string&) {
+        s.angleGiven = true;
+    });
+    cmd->add_option("--angles", s.angles, "Two angles DEG1,DEG2 for disk3d and line3d");
+    cmd->add_flag("--exact", s.exact, "disk and ball: all offsets within Euclidean distance R");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"lyn: grey-level morphology and intensity extrema for 2D images and 3D volumes"};
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "lyn 0.1.0");
+
+    app.add_subcommand("info", "Processor features, the plug-in and its runners");
+
+    CommonOptions common;
+    std::string input, output;
+    std::vector<std::string> per;
+    bool json = false;
+    auto* extrema = app.add_subcommand("extrema", "Minimum and maximum voxel value");
+    extrema->add_option("INPUT", input, "Input image (.npy)")->required();
+    extrema->add_option("--per", per, "Comma-separated subset of plan, axis3, axis4")->delimiter(',');
+    extrema->add_flag("--json", json, "Print JSON");
+    addCommon(extrema, common);
+
+    ShapeOptions shape;
+    CLI::App* morph[2];
+    const char* names[2] = {"dilate", "erode"};
+    for (int i = 0; i < 2; ++i) {
+        morph[i] = app.add_subcommand(names[i], i == 0 ? "Grey-level dilation (maximum over a structuring element)"
+                                                        : "Grey-level erosion (minimum over a structuring element)");
+        morph[i]->add_option("INPUT", input, "Input image (.npy)")->required();
+        morph[i]->add_option("OUTPUT", output, "Output image (.npy)")->required();
+        addShape(morph[i], shape);
+        addCommon(morph[i], common);
+    }
+
+    std::string outDir = "lyn-demo";
+    long long size = 0;
+    auto* demo = app.add_subcommand("demo", "Runs every operation on a built-in synthetic volume");
+    demo->add_option("--out", outDir, "Where the demo writes its images");
+    demo->add_option("--size", size, "Edge of the demo volume in voxels (default 256)")->check(CLI::PositiveNumber);
+    addCommon(demo, common);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::cerr << "lyn: " << e.what() << "\n";
+        return 2;
+    }
+
+    try {
+        if (app.got_subcommand("info")) return runInfo();
+        if (extrema->parsed()) return runExtrema(input, per, json, common);
+        if (morph[0]->parsed()) return runMorphology(true, input, output, shape, common);
+        if (morph[1]->parsed()) return runMorphology(false, input, output, shape, common);
+        if (demo->parsed()) return runDemo(outDir, size, common);
+    } catch (const UsageError& e) {
+        std::cerr << "lyn: " << e.what() << "\n";
+        return 2;
+    } catch (const lyn::io::InputError& e) {
+        std::cerr << "lyn: " << e.what() << "\n";
+        return 2;
+    } catch (const lyn::ExceptionCancelation&) {
+        std::cerr << "lyn: cancelled\n";
+        return 130;
+    } catch (const lyn::Exception& e) {
+        std::cerr << "lyn: " << e.kind() << ": " << e.what() << "\n";
+        return 1;
+    } catch (const std::bad_alloc&) {
+        std::cerr << "lyn: not enough memory\n";
+        return 1;
+    } catch (const std::exception& e) {
+        std::cerr << "lyn: " << e.what() << "\n";
+        return 1;
+    }
+    return 2;
+}
