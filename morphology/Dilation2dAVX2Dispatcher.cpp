@@ -1,0 +1,3 @@
+#include "morphology/SquareCubeDispatch.impl.h"
+
+LYN_INSTANTIATE_SQUARE_DISPATCHER(Dilation2dAVX2Dispatcher, DilationFunctor, 2)

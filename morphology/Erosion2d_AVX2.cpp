@@ -1,0 +1,19 @@
+// Erosion2d runner: run, and registration with the host when the plug-in loads.
+#include "morphology/Runners.h"
+#include "morphology/SquareCubeDispatchers.h"
+
+namespace lyn {
+namespace morphology {
+
+void Erosion2dAVX2Runner::run(BaseAlgorithm* algo) const {
+    Erosion2d* typed = helper::safe_cast<Erosion2d*>(algo);
+    tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, Erosion2dAVX2Dispatcher>()(
+        typed->inputImage.get()->getVoxelType(), static_cast<SquareMorphology*>(typed));
+}
+
+#ifdef LYN_REGISTER_RUNNERS
+LYN_AUTO_REGISTER_RUNNABLE(Erosion2dAVX2Runner, Erosion2dAVX2Runner, Erosion2d)
+#endif
+
+} // namespace morphology
+} // namespace lyn

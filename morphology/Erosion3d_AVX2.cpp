@@ -1,0 +1,19 @@
+// Erosion3d runner: run, and registration with the host when the plug-in loads.
+#include "morphology/Runners.h"
+#include "morphology/SquareCubeDispatchers.h"
+
+namespace lyn {
+namespace morphology {
+
+void Erosion3dAVX2Runner::run(BaseAlgorithm* algo) const {
+    Erosion3d* typed = helper::safe_cast<Erosion3d*>(algo);
+    tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, Erosion3dAVX2Dispatcher>()(
+        typed->inputImage.get()->getVoxelType(), static_cast<SquareMorphology*>(typed));
+}
+
+#ifdef LYN_REGISTER_RUNNERS
+LYN_AUTO_REGISTER_RUNNABLE(Erosion3dAVX2Runner, Erosion3dAVX2Runner, Erosion3d)
+#endif
+
+} // namespace morphology
+} // namespace lyn

@@ -1,0 +1,112 @@
+#pragma once
+// The 26-connected 3x3x3 cube in two stages: for each row of the band, the nine voxels of three
+// plans by three columns are folded once (R); each output row folds three consecutive R rows,
+// upper first. Two R rows are carried in per-thread scratch rows: 10 functor steps per vector.
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <tbb/enumerable_thread_specific.h>
+
+#include "Core/private/Filters/RecursiveImageContext.h"
+#include "morphology/Functors.h"
+
+LYN_AVX2_BEGIN
+namespace lyn {
+namespace morphology {
+
+template <class Functor, class T, class Arch>
+class Neighborhood26PlansReductionSimd {
+public:
+    using Scratch = tbb::enumerable_thread_specific<std::vector<T, SimdVec::AlignedAllocator<T, 32>>>;
+
+    Neighborhood26PlansReductionSimd(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b)
+        : m_a(std::move(a)), m_b(std::move(b)) {}
+
+    template <class Context>
+    void run(const access::Block3d& block, Context& ctx) const {
+        using Ops = SimdVec::Ops<T>;
+        constexpr long L = long(Ops::N);
+        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
+        const unsigned long w = static_cast<unsigned long>(n + 2), h = static_cast<unsigned long>(m + 2);
+
+        auto& inCache = ctx.inputPlanCache();
+        if (!inCache) ctx.createInputPlanCache(3);
+        auto& outCache = ctx.outputPlanCache();
+        if (!outCache) ctx.createOuputPlanCache(1);
+        auto& av = m_a->local();
+        auto& bv = m_b->local();
+        if (static_cast<std::size_t>(n) > av.size()) {
+            av.resize(static_cast<std::size_t>(n));
+            bv.resize(static_cast<std::size_t>(n));
+        }
+        T* a = av.data();
+        T* b = bv.data();
+
+        using Plan = typename std::decay_t<decltype(*inCache)>::Plan;
+        const Plan* plans[3];  // roles: plan z-1, plan z, plan z+1
+        plans[0] = &inCache->fetchPlanInBlock(1, w, h, block, -1, -1, -1, 0, 0);
+        plans[1] = &inCache->fetchPlanInBlock(2, w, h, block, -1, -1, 0, 0, 0);
+        unsigned long freeSlot = 0, slotOf[2] = {1, 2};
+
+        const bool inPlace = ctx.isInPlace();
+        const access::OverlapBorder overlap(1, 1, 1, 1, 1, 1);
+        for (long z = 0; z < p; ++z) {
+            plans[2] = &inCache->fetchPlanInBlock(freeSlot, w, h, block, -1, -1, z + 1, 0, 0);
+            const auto& out = outCache->getPlanInBlock(0, static_cast<unsigned long>(n), static_cast<unsigned long>(m),
+                                                       block, 0, 0, z, 0, 0);
+            for (long x = 0; x < n; x += L) {
+                Ops::store(a + x, reduce(plans, 0, x));
+                Ops::store(b + x, reduce(plans, 1, x));
+            }
+            if (ctx.isGroupCancelled()) return;
+            for (long y = 0; y < m; ++y) {
+                std::swap(a, b);
+                T* o = out.row(static_cast<unsigned long>(y)).data();
+                for (long x = 0; x < n; x += L) {
+                    const auto r = reduce(plans, static_cast<unsigned long>(y + 2), x);
+                    const auto acc = Functor::template step<T>(Ops::load(b + x), Ops::load(a + x));
+                    Ops::store(o + x, Functor::template step<T>(acc, r));
+                    Ops::store(b + x, r);
+                }
+            }
+            if (ctx.isGroupCancelled()) return;
+            for (long y = 0; y < m; ++y) {
+                if (inPlace) out.row(static_cast<unsigned long>(y)).writeRow(block, overlap);
+                else out.row(static_cast<unsigned long>(y)).writeRow(block);
+            }
+            // Plan z becomes plan z-1, plan z+1 becomes plan z; the old plan z-1's slot is free.
+            const unsigned long oldest = slotOf[0];
+            slotOf[0] = slotOf[1];
+            slotOf[1] = freeSlot;
+            freeSlot = oldest;
+            plans[0] = plans[1];
+            plans[1] = plans[2];
+        }
+    }
+
+private:
+    // R(k)[x]: plan z-1 at x-1, x, x+1, then plan z, then plan z+1, all in fetched row k.
+    template <class Plan>
+    static LYN_INLINE typename SimdVec::Ops<T>::V reduce(const Plan* const* plans, unsigned long k, long x) {
+        using Ops = SimdVec::Ops<T>;
+        const T* r = plans[0]->row(k).data();
+        auto acc = Ops::load(r + x);
+        acc = Functor::template step<T>(acc, Ops::load(r + x + 1));
+        acc = Functor::template step<T>(acc, Ops::load(r + x + 2));
+        for (int q = 1; q < 3; ++q) {
+            r = plans[q]->row(k).data();
+            acc = Functor::template step<T>(acc, Ops::load(r + x));
+            acc = Functor::template step<T>(acc, Ops::load(r + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(r + x + 2));
+        }
+        return acc;
+    }
+
+    std::shared_ptr<Scratch> m_a;
+    std::shared_ptr<Scratch> m_b;
+};
+
+} // namespace morphology
+} // namespace lyn
+LYN_AVX2_END
