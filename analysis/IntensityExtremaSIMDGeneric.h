@@ -19,8 +19,10 @@ public:
     static constexpr T lowestValue() { return VoxelTraits<voxelTypeOf<T>()>::lowest(); }
     static constexpr T highestValue() { return VoxelTraits<voxelTypeOf<T>()>::highest(); }
 
+    // The result starts at the finite extremes. The early exit needs values nothing can pass: for
+    // floats those are the infinities, since -inf and +inf may follow the finite extremes.
     IntensityExtremaSIMDGeneric()
-        : m_min(highestValue()), m_max(lowestValue()), m_lowest(lowestValue()), m_highest(highestValue()) {}
+        : m_min(highestValue()), m_max(lowestValue()), m_lowest(bound(true)), m_highest(bound(false)) {}
 
     T getMinimum() const { return m_min; }
     T getMaximum() const { return m_max; }
@@ -34,7 +36,7 @@ public:
         if (block.empty()) return;
         auto cache = filter.getView().createRowCacheRead(1);
         const unsigned long width = (block.getNbCols() + N - 1) / N * N;
-        typename Ops::V vmin = broadcast(m_highest), vmax = broadcast(m_lowest);
+        typename Ops::V vmin = broadcast(m_min), vmax = broadcast(m_max);
         for (long p = 0; p < long(block.getNbPlans()); ++p)
             for (long r = 0; r < long(block.getNbRows()); ++r) {
                 const T* row = cache->fetchRowInBlock(0, width, block, 0, r, p, 0, 0).data();
@@ -59,6 +61,11 @@ public:
     }
 
 private:
+    static constexpr T bound(bool lower) {
+        if constexpr (std::numeric_limits<T>::has_infinity)
+            return lower ? -std::numeric_limits<T>::infinity() : std::numeric_limits<T>::infinity();
+        else return lower ? lowestValue() : highestValue();
+    }
     static LYN_INLINE typename SimdVec::Ops<T>::V broadcast(T value) {
         alignas(32) T values[SimdVec::Ops<T>::N];
         for (auto& v : values) v = value;

@@ -1,1 +1,393 @@
+// White-box tests of the plug-in's code, linked statically (its runners are not registered here):
+// type dispatch, checked casts, eligibility, blocks, caches and output-row writing.
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <typeinfo>
+
+#include "Core/private/Access/Caches.h"
+#include "Core/private/Filters/QuantificationFilter.h"
+#include "Core/private/Helper/safe_cast.h"
+#include "Core/private/TmplDispatch/Visitor1Args.h"
+#include "analysis/IntensityExtremaAVX.h"
+#include "host/Cpu.h"
+#include "morphology/Runners.h"
+#include "simd/AlignedAllocator.h"
+
+using namespace lyn;
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+struct RecordingDispatcher {
+    static std::string last;
+    template <class T>
+    static void run(int* calls) {
+        last = typeid(T).name();
+        ++*calls;
+    }
+};
+std::string RecordingDispatcher::last;
+
+TEST(Visitor1ArgsTest, EveryIdReachesItsTypeOrFails) {
+    struct Case {
+        int id;
+        const char* type;  // null: no call
+        bool throws;
+    } cases[] = {{0, typeid(unsigned char).name(), false},  {1, typeid(unsigned short).name(), false},
+                 {2, typeid(unsigned int).name(), false},   {3, nullptr, true},
+                 {4, typeid(signed char).name(), false},    {5, typeid(short).name(), false},
+                 {6, typeid(int).name(), false},            {7, nullptr, true},
+                 {8, typeid(float).name(), false},          {9, typeid(double).name(), false},
+                 {10, nullptr, false},                      {11, nullptr, false},
+                 {12, nullptr, true},                       {1000000, nullptr, true},
+                 {-1, nullptr, true}};
+    tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, RecordingDispatcher> visit;
+    for (const Case& c : cases) {
+        int calls = 0;
+        RecordingDispatcher::last.clear();
+        if (c.throws) {
+            try {
+                visit(c.id, &calls);
+                ADD_FAILURE() << "id " << c.id << " did not throw";
+            } catch (const RuntimeError& e) {
+                auto info = e.getInfo();
+                EXPECT_EQ(info.message, "Invalid type in Visitor1Args : " + std::to_string(c.id));
+                EXPECT_EQ(info.file, "Core/private/TmplDispatch/Visitor1Args");
+                EXPECT_EQ(info.line, 139);
+            }
+            EXPECT_EQ(calls, 0);
+        } else {
+            EXPECT_NO_THROW(visit(c.id, &calls)) << c.id;
+            EXPECT_EQ(calls, c.type ? 1 : 0) << c.id;
+            if (c.type) {
+                EXPECT_EQ(RecordingDispatcher::last, c.type) << c.id;
+            }
+        }
+    }
+}
+
+TEST(SafeCastTest, NullAndWrongClassRaiseUnexpectedError) {
+    morphology::Dilation2d dilation;
+    BaseAlgorithm* asBase = &dilation;
+    EXPECT_EQ(helper::safe_cast<morphology::Dilation2d*>(asBase), &dilation);
+    const std::string expected = "bad cast when casting PN3lyn13BaseAlgorithmE into PN3lyn8analysis16IntensityExtremaE";
+    for (BaseAlgorithm* p : {static_cast<BaseAlgorithm*>(nullptr), asBase}) {
+        try {
+            helper::safe_cast<analysis::IntensityExtrema*>(p);
+            ADD_FAILURE() << "no exception";
+        } catch (const UnexpectedError& e) {
+            EXPECT_EQ(e.getInfo().message, expected);
+            EXPECT_EQ(e.getInfo().file, "Core/private/Helper/safe_cast");
+            EXPECT_EQ(e.getInfo().line, 17);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// An image that reports itself as stored on disk.
+class DiskLikeImage : public MemoryImage {
+public:
+    using MemoryImage::MemoryImage;
+    int getStorageType() const override { return 1; }
+};
+
+class LevelGuard {
+public:
+    explicit LevelGuard(int level) { devices::Cpu::overrideAVXLevel(level); }
+    ~LevelGuard() { devices::Cpu::overrideAVXLevel(-1); }
+};
+
+struct NoDispatcher {
+    template <class T, class A>
+    static void run(A*) {}
+};
+
+bool squareAccepts(const Runnable& runner, morphology::SquareMorphology& algo, int neighbourhood, unsigned radius) {
+    algo.neighborhood = neighbourhood;
+    algo.kernelRadius = radius;
+    return runner.isRunnable(&algo);
+}
+
+TEST(EligibilityTest, SquareAndCubeRadiusLimitsPerNeighbourhood) {
+    LevelGuard avx2(2);
+    MemoryImage image(UInt8, 8, 8, 8), out;
+    DiskLikeImage onDisk(UInt8, 8, 8, 8);
+    morphology::Dilation2d d2;
+    morphology::Erosion2d e2;
+    morphology::Dilation3d d3;
+    morphology::Erosion3d e3;
+    morphology::Dilation2dAVX2Runner rd2;
+    morphology::Erosion2dAVX2Runner re2;
+    morphology::Dilation3dAVX2Runner rd3;
+    morphology::Erosion3dAVX2Runner re3;
+    struct Case {
+        const Runnable* runner;
+        morphology::SquareMorphology* algo;
+        int limits[3];  // -1: none
+    } cases[] = {{&rd2, &d2, {46, 35, -1}}, {&re2, &e2, {51, 37, -1}}, {&rd3, &d3, {69, 61, 77}}, {&re3, &e3, {103, 81, 132}}};
+    for (const Case& c : cases) {
+        c.algo->inputImage = &image;
+        c.algo->outputImage = &out;
+        for (int n = 0; n < 3; ++n) {
+            const std::string what = runnerName(c.runner) + " n=" + std::to_string(n);
+            if (c.limits[n] < 0) {
+                EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, n, 1000)) << what;
+                continue;
+            }
+            const unsigned limit = static_cast<unsigned>(c.limits[n]);
+            EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, n, limit)) << what;
+            EXPECT_FALSE(squareAccepts(*c.runner, *c.algo, n, limit + 1)) << what;
+            // The storage query lifts the limits.
+            c.algo->inputImage = &onDisk;
+            EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, n, limit + 1)) << what;
+            c.algo->inputImage = &image;
+        }
+        // Values outside the table have no limit (the 2D runner treats them as 8-connected anyway).
+        EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, 5, 100000));
+        EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, -1, 100000));
+        // A runner only serves its own class.
+        EXPECT_FALSE(c.runner->isRunnable(c.algo == &d2 ? static_cast<BaseAlgorithm*>(&e2) : &d2) &&
+                     c.runner->isRunnable(c.algo == &d2 ? static_cast<BaseAlgorithm*>(&d3) : &d2));
+        EXPECT_EQ(c.runner->getOptimType(), 2);
+    }
+}
+
+TEST(EligibilityTest, TypesAndProcessorLevelDecideForEveryRunner) {
+    morphology::Dilation2d sq;
+    morphology::DilationDisk2d disk;
+    analysis::IntensityExtrema extrema;
+    analysis::IntensityExtremaMsr msr;
+    morphology::Dilation2dAVX2Runner squareRunner;
+    morphology::AVX2OneTypeMinMaxRunner<morphology::DilationDisk2d, NoDispatcher> diskRunner;
+    analysis::IntensityExtremaAVXRunner extremaRunner;
+    sq.kernelRadius = 1;
+    extrema.result = &msr;
+    for (int id = 0; id < kNumVoxelTypes; ++id) {
+        MemoryImage in(static_cast<VoxelTypes>(id), 4, 4), out(static_cast<VoxelTypes>(id), 4, 4);
+        sq.inputImage = &in;
+        sq.outputImage = &out;
+        disk.inputImage = &in;
+        disk.outputImage = &out;
+        extrema.inputImage = &in;
+        const bool served = id != 3 && id != 7 && id != 10 && id != 11;
+        for (int level : {0, 1, 2, 3}) {
+            LevelGuard guard(level);
+            const bool expect = served && level >= 2;
+            EXPECT_EQ(squareRunner.isRunnable(&sq), expect) << id << " level " << level;
+            EXPECT_EQ(diskRunner.isRunnable(&disk), expect) << id << " level " << level;
+            EXPECT_EQ(extremaRunner.isRunnable(&extrema), expect) << id << " level " << level;
+        }
+    }
+    // Structuring-element runners need the output of the input's type.
+    LevelGuard avx2(2);
+    MemoryImage in(UInt8, 4, 4), out(UInt16, 4, 4);
+    disk.inputImage = &in;
+    disk.outputImage = &out;
+    EXPECT_FALSE(diskRunner.isRunnable(&disk));
+    out.allocate(UInt8, {4, 4, 1, 1, 1});
+    EXPECT_TRUE(diskRunner.isRunnable(&disk));
+    EXPECT_FALSE(diskRunner.isRunnable(&sq));
+}
+
+// ---------------------------------------------------------------------------------------------
+TEST(BlockTest, SplittingFollowsTheGrainRules) {
+    access::Block3d volume(0, 10, 1, 0, 100, 1, 0, 100, 1, 0, 0);
+    access::Block3d upper(volume, tbb::split());
+    EXPECT_EQ(volume.rowsBegin(), 0);
+    EXPECT_EQ(volume.rowsEnd(), 50);
+    EXPECT_EQ(upper.rowsBegin(), 50);
+    EXPECT_EQ(upper.rowsEnd(), 100);
+    EXPECT_EQ(upper.getNbPlans(), 10u);
+
+    access::Block2d odd(0, 7, 1, 0, 1, 1, 3, 0, 0);
+    access::Block2d oddUpper(odd, tbb::split());
+    EXPECT_EQ(odd.rowsEnd(), 3);
+    EXPECT_EQ(oddUpper.rowsBegin(), 3);
+    EXPECT_EQ(oddUpper.rowsEnd(), 7);
+    EXPECT_EQ(oddUpper.plansBegin(), 3);
+    EXPECT_EQ(oddUpper.plansEnd(), 4);
+    EXPECT_EQ(oddUpper.getNbPlans(), 1u);
+
+    // Columns split when they hold more grains than rows; ties go to rows.
+    access::Block2d wide(0, 4, 1, 0, 40, 2, 0, 0, 0);
+    access::Block2d wideUpper(wide, tbb::split());
+    EXPECT_EQ(wideUpper.colsBegin(), 20);
+    access::Block2d tie(0, 8, 2, 0, 8, 2, 0, 0, 0);
+    access::Block2d tieUpper(tie, tbb::split());
+    EXPECT_EQ(tieUpper.rowsBegin(), 4);
+
+    EXPECT_FALSE(access::Block3d(0, 4, 4, 0, 5, 5, 0, 6, 6, 0, 0).is_divisible());
+    EXPECT_TRUE(access::Block3d(0, 4, 4, 0, 6, 5, 0, 6, 6, 0, 0).is_divisible());
+    EXPECT_EQ(access::Block3d(0, 4, 4, 0, 6, 5, 0, 6, 6, 0, 0).getNumOfVoxels(), 144u);
+
+    access::OverlapBorder o{AlgoBorderInfluence(2, 2, 2, 2, 2, 2, 0, 0, 0, 0)};
+    EXPECT_EQ(o.rowsBegin() + o.rowsEnd() + o.colsBegin() + o.colsEnd() + o.plansBegin() + o.plansEnd(), 12);
+    access::OverlapBorder a{AlgoBorderInfluence(1, 2, 3, 4, 5, 6, 0, 0, 0, 0)};
+    // The block after this one reads back towards lower coordinates by the lower-side influence.
+    EXPECT_EQ(a.colsEnd(), 1);
+    EXPECT_EQ(a.colsBegin(), 2);
+    EXPECT_EQ(a.rowsEnd(), 3);
+    EXPECT_EQ(a.rowsBegin(), 4);
+    EXPECT_EQ(a.plansEnd(), 5);
+    EXPECT_EQ(a.plansBegin(), 6);
+}
+
+// ---------------------------------------------------------------------------------------------
+using Alloc = SimdVec::AlignedAllocator<int, 32>;
+using IntView = access::View<int, Alloc>;
+
+TEST(AlignedAllocatorTest, BlocksAreAlignedWithAWholeSpareVector) {
+    SimdVec::AlignedAllocator<double, 32> alloc;
+    for (std::size_t n : {0u, 1u, 3u, 4u, 17u}) {
+        double* p = alloc.allocate(n);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 32, 0u);
+        void* raw = reinterpret_cast<void**>(p)[-1];
+        const auto gap = reinterpret_cast<char*>(p) - static_cast<char*>(raw);
+        EXPECT_GE(gap, 1);
+        EXPECT_LE(gap, 32);
+        alloc.deallocate(p, n);
+    }
+    EXPECT_THROW(alloc.allocate(std::numeric_limits<std::size_t>::max() / 4), std::bad_alloc);
+}
+
+TEST(CacheTest, FetchesApplyTheBorderAndReuseSlots) {
+    MemoryImage image(Int32, 6, 5, 3);
+    for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) image.dataAs<int>()[i] = int(i) + 1;
+    auto view = IntView::New(static_cast<const ImageModel*>(&image), access::FixedBorderCondition<int>::New(-7));
+    auto cache = view->createRowCacheRead(2);
+    access::Block3d block(0, 3, 1, 0, 5, 1, 0, 6, 1, 0, 0);
+    const auto& above = cache->fetchRowInBlock(0, 8, block, -1, -1, 0, 0, 0);
+    for (unsigned i = 0; i < 8; ++i) EXPECT_EQ(above.data()[i], -7);
+    const auto& row1 = cache->fetchRowInBlock(1, 8, block, -1, 1, 2, 0, 0);
+    EXPECT_EQ(row1.data()[0], -7);
+    EXPECT_EQ(row1.data()[1], int(image.index(0, 1, 2)) + 1);
+    EXPECT_EQ(row1.data()[7], -7);
+    const int* address = row1.data();
+    const auto& shorter = cache->fetchRowInBlock(1, 3, block, 2, 4, 1, 0, 0);
+    EXPECT_EQ(&shorter, &row1);
+    EXPECT_EQ(shorter.data(), address);
+    EXPECT_EQ(shorter.size(), 3u);
+    EXPECT_EQ(shorter.data()[0], int(image.index(2, 4, 1)) + 1);
+
+    auto plans = view->createPlanCacheRead(1);
+    const auto& plan = plans->fetchPlanInBlock(0, 8, 7, block, -1, -1, 1, 0, 0);
+    EXPECT_EQ(plan.getNbRowsInUse(), 7u);
+    EXPECT_EQ(plan.row(3).data()[3], int(image.index(2, 2, 1)) + 1);
+    const auto& none = plans->fetchPlanInBlock(0, 8, 0, block, -1, -1, 1, 0, 0);
+    EXPECT_EQ(none.getNbRowsInUse(), 0u);
+    EXPECT_EQ(none.row(3).data()[3], int(image.index(2, 2, 1)) + 1);  // rows kept, only the count changed
+}
+
+// An image that refuses every write.
+class RefusingImage : public MemoryImage {
+public:
+    using MemoryImage::MemoryImage;
+    bool writeRaw(const void*, std::uint64_t, long, long, long, long, long) override { return false; }
+    bool getMemoryLayout(MemoryLayout&) const override { return false; }
+};
+
+TEST(OutputRowTest, CoreRulesDecideWhatIsWrittenAtOnce) {
+    MemoryImage image(Int32, 40, 40);
+    auto view = IntView::New(&image, access::FixedBorderCondition<int>::New(0));
+    auto cache = view->createRowCacheReadWrite(1);
+    access::Block2d block(10, 20, 1, 10, 20, 1, 0, 0, 0);
+    const access::OverlapBorder overlap(1, 1, 1, 1, 0, 0);
+    for (long y = 0; y < 10; ++y) {
+        auto& row = cache->getRowInBlock(0, 10, block, 0, y, 0, 0, 0);
+        for (int x = 0; x < 10; ++x) row.data()[x] = 1000 + int(y) * 10 + x;
+        row.writeRow(block, overlap);
+    }
+    const int* d = image.dataAs<int>();
+    for (long y = 10; y < 20; ++y)
+        for (long x = 10; x < 20; ++x) {
+            const bool core = y >= 11 && y <= 18 && x >= 11 && x <= 18;
+            EXPECT_EQ(d[image.index(x, y)], core ? 1000 + int(y - 10) * 10 + int(x - 10) : 0) << x << "," << y;
+        }
+    view->writeAllTemporizedRows();
+    for (long y = 10; y < 20; ++y)
+        for (long x = 10; x < 20; ++x) EXPECT_EQ(d[image.index(x, y)], 1000 + int(y - 10) * 10 + int(x - 10));
+
+    // Margins: a row above the image is dropped; a row from column -1 writes its elements 1..cols.
+    access::Block2d corner(0, 5, 1, 0, 40, 1, 0, 0, 0);
+    auto& margin = cache->getRowInBlock(0, 42, corner, -1, -1, 0, 0, 0);
+    EXPECT_NO_THROW(margin.writeRow(corner));
+    auto& wide = cache->getRowInBlock(0, 42, corner, -1, 3, 0, 0, 0);
+    for (int x = 0; x < 42; ++x) wide.data()[x] = x;
+    wide.writeRow(corner, overlap);  // touching the left, top and right edges: all core
+    EXPECT_EQ(view->countTemporizedPieces(), 0u);
+    for (long x = 0; x < 40; ++x) EXPECT_EQ(d[image.index(x, 3)], int(x) + 1);
+    // writeRow(Block) counts the row just past the block as core.
+    auto& past = cache->getRowInBlock(0, 40, corner, 0, 5, 0, 0, 0);
+    past.writeRow(corner);
+    EXPECT_EQ(view->countTemporizedPieces(), 0u);
+
+    RefusingImage refusing(Int32, 4, 4);
+    auto bad = IntView::New(static_cast<ImageModel*>(&refusing), access::FixedBorderCondition<int>::New(0));
+    auto badCache = bad->createRowCacheReadWrite(1);
+    access::Block2d small(0, 4, 1, 0, 4, 1, 0, 0, 0);
+    try {
+        badCache->getRowInBlock(0, 4, small, 0, 1, 0, 0, 0).writeRow(small);
+        ADD_FAILURE() << "no exception";
+    } catch (const UnexpectedError& e) {
+        EXPECT_EQ(e.getInfo().message, "Error in writeRowAt implementation, return value is false");
+        EXPECT_EQ(e.getInfo().file, "Core/private/Access/Rows.impl");
+        EXPECT_EQ(e.getInfo().line, 550);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// A counting kernel for the quantification driver: sums voxels and can cancel its filter.
+struct CountingKernel {
+    std::uint64_t voxels = 0;
+    std::uint64_t blocks = 0;
+    std::atomic<int>* cancelAfter = nullptr;
+    template <class Filter>
+    void run(const access::Block3d& block, Filter& filter) {
+        voxels += block.getNumOfVoxels();
+        ++blocks;
+        if (cancelAfter && cancelAfter->fetch_sub(1) == 1) filter.cancelExecution();
+    }
+    void join(const CountingKernel& rhs) {
+        voxels += rhs.voxels;
+        blocks += rhs.blocks;
+    }
+};
+
+TEST(QuantificationFilterTest, ProgressCancellationAndJoins) {
+    using Filter = ImageToQuantificationFilter3d<int, SimdVec::arch_256_tag, CountingKernel>;
+    analysis::IntensityExtrema owner;
+    owner.setGrainSizes({1, 2, 1000});
+    MemoryImage image(Int32, 9, 16, 6, 2, 1);
+    {
+        Filter filter(&owner);
+        filter.setProcessingRegion(access::Region(0, 16, 0, 9, 0, 6, 0, 2, 0, 1));
+        filter.run();
+        EXPECT_EQ(filter.getKernel().voxels, image.getNumOfVoxels());
+        EXPECT_EQ(filter.getProgress(), image.getNumOfVoxels());
+        EXPECT_GT(filter.getKernel().blocks, 2u);
+    }
+    {
+        owner.setGrainSizes({100, 100, 1000});
+        Filter filter(&owner);
+        filter.setProcessingRegion(access::Region(0, 16, 0, 9, 0, 6, 0, 1, 0, 1));
+        filter.run();
+        EXPECT_EQ(filter.getKernel().blocks, 1u);  // one block, no join
+    }
+    {
+        owner.setGrainSizes({1, 1, 1000});
+        std::atomic<int> countdown{5};
+        CountingKernel k;
+        k.cancelAfter = &countdown;
+        Filter filter(&owner, k);
+        filter.setProcessingRegion(access::Region(0, 16, 0, 9, 0, 6, 0, 2, 0, 1));
+        EXPECT_THROW(filter.run(), ExceptionCancelation);
+        EXPECT_LT(filter.getProgress(), image.getNumOfVoxels());
+        EXPECT_EQ(filter.getProgress() % 9, 0u);  // whole blocks of one row each
+    }
+}
+
+} // namespace

@@ -1,1 +1,427 @@
+// Through the real plug-in module: loading and registration, then every runner against the host's
+// generic code, bit for bit, over voxel types, sizes around the vector width, neighbourhoods, pass
+// counts, in-place runs, temporary images, thread counts and block sizes.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "host/Algorithms.h"
+#include "host/Cpu.h"
+#include "host/PluginLoader.h"
+#include "host/Settings.h"
+
+using namespace lyn;
+
+namespace {
+
+const VoxelTypes kServed[] = {UInt8, UInt16, UInt32, Int8, Int16, Int32, Float, Double};
+constexpr std::uint64_t kHuge = std::uint64_t(1) << 40;
+using Grain = AbstractPartitionerPolicy::PartitionerGrainSizes;
+const Grain kDefaultGrain = AbstractPartitionerPolicy::defaults();
+
+bool hasAvx2() { return devices::Cpu::getDevice().getAVXLevel() >= 2; }
+
+std::string pluginPath() { return Plugin::defaultPath(); }
+
+std::size_t runnerCount(const char* cls) {
+    AlgoInfo* info = AlgoRegistry::getClassInfo(cls);
+    return info ? info->getRunners().size() : 0;
+}
+
+// Random voxels. Floats mix in NaN, both zeros, infinities and the finite extremes, which is where
+// fold orders show; integers use a narrow range so ties are common.
+void fill(MemoryImage& image, std::uint64_t seed) {
+    std::mt19937_64 rng(seed);
+    dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
+        using T = typename decltype(traits)::type;
+        T* d = image.template dataAs<T>();
+        for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) {
+            if constexpr (std::is_floating_point_v<T>) {
+                const int pick = int(rng() % 40);
+                const T specials[] = {std::numeric_limits<T>::quiet_NaN(), T(0), -T(0), std::numeric_limits<T>::infinity(),
+                                      -std::numeric_limits<T>::infinity(), std::numeric_limits<T>::lowest(),
+                                      std::numeric_limits<T>::max()};
+                d[i] = pick < 7 ? specials[pick] : T(std::normal_distribution<double>(0, 100)(rng));
+            } else {
+                const std::uint64_t r = rng();
+                d[i] = (r & 7) == 0 ? T(r >> 8) : T(std::int64_t(r >> 16) % 23);
+            }
+        }
+    });
+}
+
+bool sameBits(const MemoryImage& a, const MemoryImage& b) {
+    return a.extents() == b.extents() && std::memcmp(a.data(), b.data(), a.getSizeInBytes()) == 0;
+}
+
+std::string describe(const MemoryImage& a, const MemoryImage& b) {
+    if (a.extents() != b.extents()) return "extents differ";
+    const std::size_t size = helper::getSizeOf(a.getVoxelType());
+    for (std::uint64_t i = 0; i < a.getNumOfVoxels(); ++i)
+        if (std::memcmp(static_cast<const char*>(a.data()) + i * size, static_cast<const char*>(b.data()) + i * size, size)) {
+            const auto e = a.extents();
+            return "first difference at voxel " + std::to_string(i % e[0]) + "," + std::to_string(i / e[0] % e[1]) + "," +
+                   std::to_string(i / e[0] / e[1]) + " of " + a.describe();
+        }
+    return "";
+}
+
+std::unique_ptr<morphology::SquareMorphology> makeSquare(int dims, bool dilate) {
+    if (dims == 2) {
+        if (dilate) return std::make_unique<morphology::Dilation2d>();
+        return std::make_unique<morphology::Erosion2d>();
+    }
+    if (dilate) return std::make_unique<morphology::Dilation3d>();
+    return std::make_unique<morphology::Erosion3d>();
+}
+
+struct MorphCase {
+    int dims;
+    bool dilate;
+    int neighbourhood;
+    unsigned passes;
+    Extents extents;
+    bool inPlace = false;
+    std::uint64_t budget = kHuge;
+    int threads = 2;
+    Grain grain = kDefaultGrain;
+
+    std::string name(VoxelTypes t) const {
+        return std::string(voxelTypeName(t)) + (dilate ? " dilate " : " erode ") + std::to_string(dims) + "D n=" +
+               std::to_string(neighbourhood) + " passes=" + std::to_string(passes) + " " +
+               std::to_string(extents[0]) + "x" + std::to_string(extents[1]) + "x" + std::to_string(extents[2]) + "x" +
+               std::to_string(extents[3]) + "x" + std::to_string(extents[4]) + (inPlace ? " in-place" : "") +
+               " budget=" + std::to_string(budget) + " threads=" + std::to_string(threads) + " grain=" +
+               std::to_string(grain.plans) + "," + std::to_string(grain.rows) + "," + std::to_string(grain.cols);
+    }
+};
+
+// Runs the case through the plug-in or the generic code; the output starts as a sentinel pattern
+// so that zero passes can be seen to leave it untouched.
+std::unique_ptr<MemoryImage> runMorph(const MorphCase& c, const MemoryImage& input, bool plugin, bool* usedRunner) {
+    auto algo = makeSquare(c.dims, c.dilate);
+    auto out = std::make_unique<MemoryImage>(input.getVoxelType(), c.extents);
+    if (c.inPlace) std::memcpy(out->data(), input.data(), input.getSizeInBytes());
+    else std::memset(out->data(), 0x5a, out->getSizeInBytes());
+    algo->inputImage = c.inPlace ? out.get() : &input;
+    algo->outputImage = out.get();
+    algo->kernelRadius = c.passes;
+    algo->neighborhood = c.neighbourhood;
+    algo->setUsePlugin(plugin);
+    algo->setMaxThreads(c.threads);
+    algo->setGrainSizes(c.grain);
+    algo->setMaximumExtraMemoryUsageInBytes(c.budget);
+    algo->execute();
+    if (usedRunner) *usedRunner = algo->getLastRunner() != nullptr;
+    return out;
+}
+
+void checkMorph(const MorphCase& c, VoxelTypes t, std::uint64_t seed) {
+    MemoryImage input(t, c.extents);
+    fill(input, seed);
+    bool used = false;
+    auto fast = runMorph(c, input, true, &used);
+    auto reference = runMorph(c, input, false, nullptr);
+    ASSERT_TRUE(used) << "plug-in declined: " << c.name(t);
+    ASSERT_TRUE(sameBits(*fast, *reference)) << c.name(t) << ": " << describe(*fast, *reference);
+}
+
+class PluginTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!hasAvx2()) GTEST_SKIP() << "the processor has no AVX2: every runner declines";
+        ASSERT_TRUE(Plugin::load(pluginPath())) << Plugin::lastError();
+    }
+};
+
+// ---------------------------------------------------------------------------------------------
+TEST(PluginLoadTest, LoadingRegistersAndUnloadingRemovesRunners) {
+    const char* withRunners[] = {"lyn::analysis::IntensityExtrema", "lyn::morphology::Dilation2d",
+                                 "lyn::morphology::Erosion2d", "lyn::morphology::Dilation3d", "lyn::morphology::Erosion3d"};
+    Plugin::unload();
+    for (const char* cls : algorithmClassNames()) EXPECT_EQ(runnerCount(cls), 0u) << cls;
+    ASSERT_TRUE(Plugin::load(pluginPath())) << Plugin::lastError();
+    for (const char* cls : algorithmClassNames()) {
+        const bool expected = std::find_if(std::begin(withRunners), std::end(withRunners),
+                                           [&](const char* c) { return std::string(c) == cls; }) != std::end(withRunners);
+        EXPECT_EQ(runnerCount(cls), expected ? 1u : 0u) << cls;
+    }
+    Plugin::unload();
+    for (const char* cls : withRunners) EXPECT_EQ(runnerCount(cls), 0u) << cls;
+
+    // A class unavailable at load time gets no runner, and unloading does not touch it.
+    AlgoRegistry::setClassAvailable("lyn::morphology::Dilation3d", false);
+    ASSERT_TRUE(Plugin::load(pluginPath()));
+    AlgoRegistry::setClassAvailable("lyn::morphology::Dilation3d", true);
+    EXPECT_EQ(runnerCount("lyn::morphology::Dilation3d"), 0u);
+    EXPECT_EQ(runnerCount("lyn::morphology::Erosion3d"), 1u);
+    Plugin::unload();
+    EXPECT_EQ(runnerCount("lyn::morphology::Erosion3d"), 0u);
+    ASSERT_TRUE(Plugin::load(pluginPath()));
+    EXPECT_EQ(runnerCount("lyn::morphology::Dilation3d"), 1u);
+    EXPECT_FALSE(Plugin::load("/nonexistent/liblyn_avx2.so"));  // another path while one is loaded
+}
+
+TEST_F(PluginTest, RunnersDeclineBeyondTheirLimitsAndTheGenericCodeServes) {
+    MemoryImage in(UInt8, 40, 30), out;
+    fill(in, 1);
+    morphology::Dilation2d d;
+    d.inputImage = &in;
+    d.outputImage = &out;
+    d.neighborhood = 0;
+    d.kernelRadius = 47;
+    d.execute();
+    EXPECT_EQ(d.getLastRunner(), nullptr);
+    d.kernelRadius = 46;
+    EXPECT_NE(d.selectRunner(), nullptr);
+    devices::Cpu::overrideAVXLevel(1);
+    EXPECT_EQ(d.selectRunner(), nullptr);
+    devices::Cpu::overrideAVXLevel(-1);
+    MemoryImage wide(UInt64, 8, 8);
+    d.inputImage = &wide;
+    EXPECT_EQ(d.selectRunner(), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+TEST_F(PluginTest, Square2dEveryTypeNeighbourhoodAndPassCount) {
+    for (VoxelTypes t : kServed)
+        for (bool dilate : {true, false})
+            for (int n : {0, 1, 2, -3})
+                for (unsigned passes : {0u, 1u, 2u, 3u, 4u, 30u})
+                    checkMorph({2, dilate, n, passes, {37, 29, 1, 1, 1}, false, kHuge, 2, {1, 4, 8}}, t, passes * 7 + unsigned(n + 3));
+}
+
+TEST_F(PluginTest, Square2dSizesAroundTheVectorWidth) {
+    for (VoxelTypes t : kServed) {
+        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
+        for (std::uint64_t w : {std::uint64_t(1), lanes - 1, lanes, lanes + 1, 2 * lanes + 3})
+            for (std::uint64_t h : {std::uint64_t(1), std::uint64_t(2), lanes - 1, lanes + 1})
+                for (int n : {0, 1})
+                    checkMorph({2, (w + h) % 2 == 0, n, 2, {w, h, 1, 1, 1}, false, kHuge, 2, {1, 1, 5}}, t, w * 131 + h);
+    }
+}
+
+TEST_F(PluginTest, Square2dInPlaceTemporaryImagesThreadsAndBlocks) {
+    const Grain grains[] = {{1, 1, 1}, {1, 3, 5}, kDefaultGrain};
+    for (VoxelTypes t : {UInt8, Int16, Float, Double})
+        for (int n : {0, 1})
+            for (bool inPlace : {false, true})
+                for (std::uint64_t budget : {std::uint64_t(0), kHuge})
+                    for (int threads : {1, 2})
+                        for (const Grain& g : grains)
+                            for (unsigned passes : {1u, 3u, 4u})
+                                checkMorph({2, n == 0, n, passes, {71, 53, 2, 1, 1}, inPlace, budget, threads, g}, t,
+                                           passes + unsigned(threads) * 3);
+}
+
+TEST_F(PluginTest, Cube3dEveryTypeNeighbourhoodAndPassCount) {
+    for (VoxelTypes t : kServed)
+        for (bool dilate : {true, false})
+            for (int n : {0, 1, 2, 7})
+                for (unsigned passes : {0u, 1u, 2u, 3u, 8u})
+                    checkMorph({3, dilate, n, passes, {13, 11, 9, 1, 1}, false, kHuge, 2, {1, 2, 8}}, t, passes * 11 + unsigned(n));
+}
+
+TEST_F(PluginTest, Cube3dSizesAroundTheVectorWidth) {
+    for (VoxelTypes t : kServed) {
+        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
+        for (std::uint64_t w : {std::uint64_t(1), lanes - 1, lanes, lanes + 1})
+            for (std::uint64_t h : {std::uint64_t(1), std::uint64_t(3)})
+                for (std::uint64_t p : {std::uint64_t(1), std::uint64_t(2), std::uint64_t(5)})
+                    for (int n : {0, 1, 2})
+                        checkMorph({3, (w + p) % 2 == 1, n, 2, {w, h, p, 1, 1}, false, kHuge, 2, {1, 1, 7}}, t, w + h * 7 + p);
+    }
+}
+
+TEST_F(PluginTest, Cube3dInPlaceTemporaryImagesSeriesThreadsAndBlocks) {
+    const Grain grains[] = {{1, 1, 1}, {2, 3, 5}, kDefaultGrain};
+    for (VoxelTypes t : {UInt8, Int32, Float, Double})
+        for (int n : {0, 1, 2})
+            for (bool inPlace : {false, true})
+                for (std::uint64_t budget : {std::uint64_t(0), kHuge})
+                    for (int threads : {1, 2})
+                        for (const Grain& g : grains)
+                            checkMorph({3, n != 1, n, 3, {19, 9, 7, 2, 2}, inPlace, budget, threads, g}, t, unsigned(n) * 5 + 1);
+}
+
+// Border values are the finite extremes, so an all -inf neighbourhood dilates to the lowest float.
+TEST_F(PluginTest, BorderValuesAreTheTypesFiniteExtremes) {
+    MemoryImage in(Float, 3, 3), out;
+    for (int i = 0; i < 9; ++i) in.dataAs<float>()[i] = -std::numeric_limits<float>::infinity();
+    morphology::Dilation2d d;
+    d.inputImage = &in;
+    d.outputImage = &out;
+    d.neighborhood = 1;
+    d.kernelRadius = 1;
+    d.execute();
+    ASSERT_NE(d.getLastRunner(), nullptr);
+    EXPECT_EQ(out.dataAs<float>()[0], std::numeric_limits<float>::lowest());
+    EXPECT_EQ(out.dataAs<float>()[4], -std::numeric_limits<float>::infinity());
+
+    MemoryImage white(UInt8, 33, 5, 4), eroded;
+    std::memset(white.data(), 255, white.getSizeInBytes());
+    morphology::Erosion3d e;
+    e.inputImage = &white;
+    e.outputImage = &eroded;
+    e.neighborhood = 2;
+    e.kernelRadius = 2;
+    e.execute();
+    ASSERT_NE(e.getLastRunner(), nullptr);
+    for (std::uint64_t i = 0; i < eroded.getNumOfVoxels(); ++i) ASSERT_EQ(eroded.dataAs<std::uint8_t>()[i], 255);
+}
+
+// ---------------------------------------------------------------------------------------------
+void checkExtrema(VoxelTypes t, int mode, const Extents& e, const Grain& g, int threads, std::uint64_t seed,
+                  void (*tweak)(MemoryImage&) = nullptr) {
+    MemoryImage input(t, e);
+    fill(input, seed);
+    if (tweak) tweak(input);
+    analysis::IntensityExtremaMsr fast, reference;
+    for (bool plugin : {true, false}) {
+        analysis::IntensityExtrema algo;
+        algo.inputImage = &input;
+        algo.rangeMode = mode;
+        algo.result = plugin ? &fast : &reference;
+        algo.setUsePlugin(plugin);
+        algo.setGrainSizes(g);
+        algo.setMaxThreads(threads);
+        algo.execute();
+        if (plugin) {
+            ASSERT_NE(algo.getLastRunner(), nullptr);
+        }
+    }
+    const std::string what = std::string(voxelTypeName(t)) + " mode " + std::to_string(mode) + " " + input.describe();
+    ASSERT_EQ(fast.minimum().shape(), reference.minimum().shape()) << what;
+    const auto& a = fast.minimum().values();
+    const auto& b = reference.minimum().values();
+    const auto& c = fast.maximum().values();
+    const auto& d = reference.maximum().values();
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        ASSERT_EQ(std::memcmp(&a[i], &b[i], sizeof(double)), 0) << what << " min[" << i << "] " << a[i] << " vs " << b[i];
+        ASSERT_EQ(std::memcmp(&c[i], &d[i], sizeof(double)), 0) << what << " max[" << i << "] " << c[i] << " vs " << d[i];
+    }
+}
+
+TEST_F(PluginTest, ExtremaEveryTypeModeShapeAndBlockSize) {
+    const Grain grains[] = {{1, 1, 1}, {1, 2, 3}, kDefaultGrain};
+    for (VoxelTypes t : kServed) {
+        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
+        const Extents shapes[] = {{1, 1, 1, 1, 1}, {lanes - 1, 3, 2, 1, 1}, {lanes + 1, 5, 4, 3, 2}, {67, 13, 7, 2, 3}};
+        for (int mode = 0; mode < 8; ++mode)
+            for (const Extents& e : shapes)
+                for (const Grain& g : grains)
+                    for (int threads : {1, 2}) checkExtrema(t, mode, e, g, threads, e[0] + std::uint64_t(mode));
+    }
+}
+
+TEST_F(PluginTest, ExtremaOfExtremeValues) {
+    // Type limits (the early exit), a huge double, zeros of both signs only, and all-NaN planes.
+    for (VoxelTypes t : kServed)
+        checkExtrema(t, 1, {40, 9, 5, 1, 1}, {1, 1, 1}, 2, 3, [](MemoryImage& img) {
+            dispatchVoxelType(img.getVoxelType(), [&](auto traits) {
+                using T = typename decltype(traits)::type;
+                T* d = img.template dataAs<T>();
+                d[5] = decltype(traits)::lowest();
+                d[77] = decltype(traits)::highest();
+            });
+        });
+    checkExtrema(Double, 0, {9, 9, 9, 1, 1}, {1, 1, 1}, 2, 4, [](MemoryImage& img) { img.dataAs<double>()[400] = 1e300; });
+    checkExtrema(Float, 1, {17, 3, 4, 1, 1}, {1, 1, 1}, 2, 5, [](MemoryImage& img) {
+        float* d = img.dataAs<float>();
+        for (int i = 0; i < 51; ++i) d[i] = (i % 2) ? -0.0f : 0.0f;               // plan 0: signed zeros
+        for (int i = 51; i < 102; ++i) d[i] = std::numeric_limits<float>::quiet_NaN();  // plan 1: NaN only
+    });
+    MemoryImage big(Double, 9, 9, 9);
+    fill(big, 5);
+    big.dataAs<double>()[100] = 1e300;
+    analysis::IntensityExtremaMsr msr;
+    analysis::IntensityExtrema algo;
+    algo.inputImage = &big;
+    algo.result = &msr;
+    algo.execute();
+    EXPECT_EQ(msr.maximum().at(0), std::numeric_limits<double>::infinity());  // the fill holds +inf too
+}
+
+// ---------------------------------------------------------------------------------------------
+// Cancels the algorithm from a worker thread as soon as progress passes a threshold.
+struct CancelAt : ProgressObserver {
+    BaseAlgorithm* algo;
+    double threshold;
+    CancelAt(BaseAlgorithm* a, double t) : algo(a), threshold(t) {}
+    void onProgress(double f) override {
+        if (f >= threshold) algo->cancelExecution();
+    }
+};
+
+// After a cancelled single pass, every output voxel is either untouched or final.
+void checkCancelledPass(int dims, int n, const Extents& e, const Grain& g) {
+    MemoryImage input(Float, e);
+    fill(input, 9);
+    MorphCase c{dims, true, n, 1, e, false, 0, 2, g};
+    auto reference = runMorph(c, input, false, nullptr);
+    auto algo = makeSquare(dims, true);
+    MemoryImage out(Float, e);
+    std::memset(out.data(), 0x5a, out.getSizeInBytes());
+    float sentinel;
+    std::memset(&sentinel, 0x5a, sizeof sentinel);
+    algo->inputImage = &input;
+    algo->outputImage = &out;
+    algo->kernelRadius = 1;
+    algo->neighborhood = n;
+    algo->setGrainSizes(g);
+    CancelAt cancel(algo.get(), 0.001);
+    algo->setProgressObserver(&cancel);
+    EXPECT_THROW(algo->execute(), ExceptionCancelation);
+    ASSERT_NE(algo->getLastRunner(), nullptr);
+    std::uint64_t untouched = 0;
+    for (std::uint64_t i = 0; i < out.getNumOfVoxels(); ++i) {
+        const float v = out.dataAs<float>()[i], r = reference->dataAs<float>()[i];
+        const bool isSentinel = std::memcmp(&v, &sentinel, sizeof v) == 0;
+        untouched += isSentinel;
+        ASSERT_TRUE(isSentinel || std::memcmp(&v, &r, sizeof v) == 0) << "voxel " << i;
+    }
+    EXPECT_GT(untouched, 0u) << "cancellation came too late to be seen";
+    // The same object runs to completion afterwards.
+    algo->setProgressObserver(nullptr);
+    algo->execute();
+    EXPECT_TRUE(sameBits(out, *reference));
+}
+
+TEST_F(PluginTest, CancellationStopsAPassAndLeavesConsistentOutput) {
+    checkCancelledPass(2, 1, {256, 400, 1, 1, 1}, {1, 1, kHuge});
+    checkCancelledPass(2, 0, {256, 400, 1, 1, 1}, {1, 1, kHuge});
+    checkCancelledPass(3, 2, {40, 30, 60, 1, 1}, {1, 4, kHuge});
+    checkCancelledPass(3, 0, {40, 30, 60, 1, 1}, {1, 4, kHuge});
+}
+
+TEST_F(PluginTest, CancellationBetweenPassesAndDuringExtrema) {
+    MemoryImage input(UInt16, 64, 64, 16);
+    fill(input, 2);
+    MemoryImage out;
+    morphology::Erosion3d e;
+    e.inputImage = &input;
+    e.outputImage = &out;
+    e.kernelRadius = 6;
+    e.neighborhood = 1;
+    e.setGrainSizes({1, 64, kHuge});
+    CancelAt cancel(&e, 0.5);
+    e.setProgressObserver(&cancel);
+    EXPECT_THROW(e.execute(), ExceptionCancelation);
+
+    analysis::IntensityExtrema x;
+    analysis::IntensityExtremaMsr msr;
+    x.inputImage = &input;
+    x.result = &msr;
+    x.setGrainSizes({1, 1, kHuge});
+    CancelAt cancelX(&x, 0.01);
+    x.setProgressObserver(&cancelX);
+    EXPECT_THROW(x.execute(), ExceptionCancelation);
+}
+
+} // namespace
