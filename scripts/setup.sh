@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages lyn needs to build, test and benchmark. Idempotent: quiet when all is there.
 set -euo pipefail
-pkgs=(g++ cmake ninja-build pkg-config libtbb-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libtiff-dev)
+pkgs=(g++ cmake ninja-build pkg-config libtbb-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libtiff-dev python3-numpy)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

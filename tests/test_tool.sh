@@ -1,2 +1,316 @@
 #!/usr/bin/env bash
-echo "1 passed, 0 failed"
+# End-to-end tests of the lyn command-line tool against NumPy references.
+# Usage: test_tool.sh PATH/TO/lyn
+# Prints "ok - NAME" or "not ok - NAME" per case, then "N passed, M failed"; fails if M > 0.
+set -uo pipefail  # no -e: a failing command is a test result, not the end of the run
+
+LYN=$(realpath "${1:?usage: test_tool.sh PATH/TO/lyn}")
+PY=/usr/bin/python3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+
+passed=0
+failed=0
+# report NAME STATUS: STATUS 0 passes; on failure the captured stderr is shown as diagnostics.
+report() {
+  if [ "$2" -eq 0 ]; then
+    echo "ok - $1"
+    passed=$((passed + 1))
+  else
+    echo "not ok - $1"
+    failed=$((failed + 1))
+    [ -s err ] && sed 's/^/#   /' err
+  fi
+  return 0
+}
+
+# The NumPy side: inputs, reference results and comparisons.
+cat >t.py <<'EOF'
+import json, sys
+import numpy as np
+
+DTYPES = {"u1": np.uint8, "i2": np.int16, "f4": np.float32, "f8": np.float64}
+# Odd extents exercise vector tails; the "l" shapes are big enough for several parallel blocks.
+SHAPES = {"2d": (29, 37), "3d": (10, 19, 23), "4d": (2, 9, 9, 11), "2dl": (203, 517), "3dl": (24, 61, 101)}
+
+
+def limits(dt):
+    # What never wins a dilation / an erosion: the finite extremes for floats.
+    info = np.iinfo(dt) if np.dtype(dt).kind in "iu" else np.finfo(dt)
+    return info.min, info.max
+
+
+def generate():
+    rng = np.random.default_rng(2024)
+    for code, dt in DTYPES.items():
+        for dims, shape in SHAPES.items():
+            if np.dtype(dt).kind == "f":
+                # No zeros (so no signed-zero ties) and no NaN: bit-identity with NumPy holds.
+                a = (rng.standard_normal(shape) * 1000 + 0.5).astype(dt)
+                a[a == 0] = 1
+            else:
+                # Well inside the type's range, so the type's limits are wrong answers; extremes
+                # planted at the first and last voxels catch tail bugs.
+                lo, hi = limits(dt)
+                span = (int(hi) - int(lo)) // 4
+                a = rng.integers(int(lo) + span, int(hi) - span, size=shape, endpoint=True).astype(dt)
+                a.flat[0] = int(lo) + span - 1
+                a.flat[-1] = int(hi) - span + 1
+            if np.dtype(dt).kind != "u":
+                # Negative bands first and positive bands last along each spatial axis: there a
+                # border read as 0 instead of the value that never wins changes the result.
+                mag = np.abs(a) + 1
+                for ax in range(max(0, a.ndim - 3), a.ndim):
+                    lead = (slice(None),) * ax
+                    a[lead + (slice(0, 4),)] = -mag[lead + (slice(0, 4),)]
+                    a[lead + (slice(-4, None),)] = mag[lead + (slice(-4, None),)]
+            np.save(f"{code}_{dims}.npy", a)
+            if dims in ("2d", "3d"):
+                # Blocks of the type's extremes (infinities for floats) in opposite corners: the
+                # border must still be the finite extreme, and saturated values must survive.
+                x = a.copy()
+                block = (slice(0, 3),) * x.ndim
+                x[block] = -np.inf if x.dtype.kind == "f" else limits(dt)[0]
+                x[(slice(-3, None),) * x.ndim] = np.inf if x.dtype.kind == "f" else limits(dt)[1]
+                np.save(f"{code}_{dims}x.npy", x)
+                # Header variants: big-endian data, and a version 2.0 header.
+                np.save(f"{code}_{dims}b.npy", a.astype(a.dtype.newbyteorder(">")))
+                with open(f"{code}_{dims}v2.npy", "wb") as f:
+                    np.lib.format.write_array(f, a, version=(2, 0))
+    np.save("big.npy", np.zeros((300, 300, 300), np.float32))
+    np.save("c8_2d.npy", np.zeros((4, 5), np.complex64))
+    np.save("fortran.npy", np.asfortranarray(np.zeros((4, 5), np.uint8)))
+    np.save("one_axis.npy", np.zeros(7, np.uint8))
+    np.save("six_axes.npy", np.zeros((1, 1, 1, 1, 2, 2), np.uint8))
+    with open("u1_2d.npy", "rb") as f:
+        data = f.read()
+    with open("truncated.npy", "wb") as f:
+        f.write(data[:-5])
+
+
+def offsets(conn):
+    k = 2 if conn in (4, 8) else 3
+    grid = np.stack(np.meshgrid(*[[-1, 0, 1]] * k, indexing="ij"), -1).reshape(-1, k)
+    reach = {4: 1, 8: 2, 6: 1, 18: 2, 26: 3}[conn]  # city-block distance the neighbourhood covers
+    return [tuple(o) for o in grid if np.abs(o).sum() <= reach]
+
+
+def reference(a, op, conn, radius):
+    # `radius` passes of the elementary neighbourhood; outside the image is the value that never wins.
+    lo, hi = limits(a.dtype)
+    fill, pick = (lo, np.maximum) if op == "dilate" else (hi, np.minimum)
+    offs = offsets(conn)
+    k = len(offs[0])
+    lead = a.ndim - k
+    for _ in range(radius):
+        p = np.pad(a, [(0, 0)] * lead + [(1, 1)] * k, constant_values=fill)
+        views = [p[(Ellipsis,) + tuple(slice(1 + d, 1 + d + n) for d, n in zip(o, a.shape[lead:]))] for o in offs]
+        a = pick.reduce(views)
+    return a
+
+
+def same(expected, path):
+    # Outputs are in native byte order whatever the input's.
+    expected = expected.astype(expected.dtype.newbyteorder("="))
+    got = np.load(path)
+    if got.dtype != expected.dtype or got.shape != expected.shape:
+        return f"{path}: {got.dtype}{got.shape}, expected {expected.dtype}{expected.shape}"
+    if got.tobytes() != expected.tobytes():
+        diff = np.argwhere(got != expected)
+        i = tuple(diff[0]) if len(diff) else "?"
+        return f"{path}: {len(diff)} voxels differ, first at {i}: {got[i]} instead of {expected[i]}"
+    return None
+
+
+def fail(errors):
+    errors = [e for e in errors if e]
+    for e in errors:
+        print(e, file=sys.stderr)
+    sys.exit(1 if errors else 0)
+
+
+def extrema(inp, per, *outputs):
+    # Expected measurement: one min/max per element of the named axes, plan index fastest.
+    a = np.load(inp)
+    b = a.reshape((1,) * (5 - a.ndim) + a.shape)  # (axis4, axis3, plan, row, col)
+    kept = {{"axis4": 0, "axis3": 1, "plan": 2}[n] for n in per.split(",") if n}
+    axes = tuple(i for i in range(5) if i not in kept)
+    mn, mx = b.min(axis=axes, keepdims=True), b.max(axis=axes, keepdims=True)
+    shape = [mn.shape[2], mn.shape[1], mn.shape[0]]
+    errors = []
+    for out in outputs:
+        r = json.load(open(out))
+        if r["shape"] != shape:
+            errors.append(f"{out}: shape {r['shape']}, expected {shape}")
+        for key, want in (("min", mn), ("max", mx)):
+            want = [float(v) for v in want.ravel()]
+            if [float(v) for v in r[key]] != want:
+                errors.append(f"{out}: {key} {r[key]}, expected {want}")
+    fail(errors)
+
+
+cmd, args = sys.argv[1], sys.argv[2:]
+if cmd == "gen":
+    generate()
+elif cmd == "morph":  # INPUT OP CONN RADIUS OUTPUT...
+    expected = reference(np.load(args[0]), args[1], int(args[2]), int(args[3]))
+    fail([same(expected, out) for out in args[4:]])
+elif cmd == "same":  # EXPECTED OUTPUT...
+    fail([same(np.load(args[0]), out) for out in args[1:]])
+elif cmd == "extrema":  # INPUT PER OUTPUT...
+    extrema(*args)
+EOF
+"$PY" t.py gen || { echo "not ok - generating the inputs"; echo "0 passed, 1 failed"; exit 1; }
+
+# --- info -----------------------------------------------------------------------------------
+"$LYN" info >out 2>err && grep -q "^plug-in:" out
+report "info exits 0 and reports the plug-in" $?
+LYN_NO_PLUGIN=1 "$LYN" info >out 2>err && grep -q "^plug-in: disabled" out
+report "info with LYN_NO_PLUGIN=1 reports the plug-in disabled" $?
+
+# --- extrema: every type and dimensionality, default and --generic give the same JSON ---------
+for dt in u1 i2 f4 f8; do
+  for case in "2d -" "3d -" "3d plan" "2d plan" "4d plan,axis3" "4d axis4" "3dx plan" \
+    "2db -" "3db plan" "2dv2 -" "2dl -" "3dl plan"; do
+    read -r dims per <<<"$case"
+    [ "$per" = - ] && per=""
+    args=(extrema "${dt}_$dims.npy" --json ${per:+--per "$per"})
+    "$LYN" "${args[@]}" >plugin.json 2>err &&
+      "$LYN" "${args[@]}" --generic >generic.json 2>>err &&
+      cmp -s plugin.json generic.json &&
+      "$PY" t.py extrema "${dt}_$dims.npy" "$per" plugin.json 2>>err
+    report "extrema $dt $dims${per:+ --per $per} matches numpy, with and without --generic" $?
+  done
+done
+
+# --- dilate/erode against the NumPy reference, plug-in and --generic bit-identical -----------
+# op shape connectivity radius dims [extra options]; "-" leaves the option to its default.
+while read -r op shape conn radius dims extra <&3; do
+  for dt in u1 i2 f4 f8; do
+    opts=(--shape "$shape")
+    [ "$conn" != - ] && opts+=(--connectivity "$conn")
+    [ "$radius" != - ] && opts+=(--radius "$radius")
+    # shellcheck disable=SC2206  # extra options are single words
+    opts+=($extra)
+    c=$conn r=$radius
+    [ "$c" = - ] && { [ "$shape" = square ] && c=8 || c=26; }
+    [ "$r" = - ] && r=1
+    rm -f a.npy b.npy
+    "$LYN" "$op" "${dt}_$dims.npy" a.npy "${opts[@]}" 2>err &&
+      "$LYN" "$op" "${dt}_$dims.npy" b.npy "${opts[@]}" --generic 2>>err &&
+      "$PY" t.py morph "${dt}_$dims.npy" "$op" "$c" "$r" a.npy b.npy 2>>err
+    report "$op $dt $dims ${opts[*]} matches numpy, with and without --generic" $?
+  done
+done 3<<'EOF'
+dilate square - 2 2d
+erode  square 8 2 2d
+dilate square 4 2 2d
+erode  square 4 3 2d
+dilate cube   - 1 3d
+erode  cube  26 1 3d
+dilate cube   6 2 3d
+erode  cube  18 2 3d
+dilate cube   - - 4d
+erode  cube  26 2 3d --threads 1
+dilate square - 2 2dx
+erode  square 4 1 2dx
+dilate cube   - 1 3dx
+erode  cube   6 1 3dx
+dilate square - 1 2db
+erode  cube  26 1 3db
+dilate square 8 3 2dl
+erode  cube  18 3 3dl
+EOF
+
+for case in "square 2d" "cube 3d"; do
+  read -r shape dims <<<"$case"
+  rm -f a.npy b.npy
+  "$LYN" dilate "f4_$dims.npy" a.npy --shape "$shape" --radius 0 2>err &&
+    "$LYN" erode "i2_$dims.npy" b.npy --shape "$shape" --radius 0 --generic 2>>err &&
+    "$PY" t.py same "f4_$dims.npy" a.npy 2>>err && "$PY" t.py same "i2_$dims.npy" b.npy 2>>err
+  report "--shape $shape --radius 0 gives the input unchanged" $?
+done
+
+# A plug-in that cannot be loaded leaves the host's generic code in charge.
+rm -f a.npy
+LYN_PLUGIN="$work/absent.so" "$LYN" dilate u1_3d.npy a.npy --shape cube 2>err &&
+  "$PY" t.py morph u1_3d.npy dilate 26 1 a.npy 2>>err
+report "dilate with LYN_PLUGIN naming a missing file still matches numpy" $?
+
+# --- usage errors: exit status 2, a message naming the culprit, no output --------------------
+echo "not an array" >junk.npy
+cp u1_2d.npy input.txt
+# name | text the message must contain | arguments
+while IFS='|' read -r name expect args <&3; do
+  rm -f o.npy
+  # shellcheck disable=SC2086  # the arguments are single words
+  "$LYN" $args >out 2>err
+  rc=$?
+  [ $rc -eq 2 ] && grep -qF -- "$expect" err && [ ! -e o.npy ]
+  status=$?
+  [ $status -ne 0 ] && echo "exit status $rc" >>err
+  report "usage error: $name" $status
+done 3<<'EOF'
+unknown shape|--shape|dilate u1_2d.npy o.npy --shape star
+missing --shape|--shape|erode u1_2d.npy o.npy
+--shape square on a 3D input|--shape|dilate u1_3d.npy o.npy --shape square
+--shape cube on a 2D input|--shape|erode u1_2d.npy o.npy --shape cube
+negative radius|--radius|dilate u1_2d.npy o.npy --shape square --radius -1
+non-numeric radius|--radius|dilate u1_2d.npy o.npy --shape square --radius abc
+fractional radius|--radius|dilate u1_2d.npy o.npy --shape square --radius 1.5
+connectivity 5|--connectivity|dilate u1_2d.npy o.npy --shape square --connectivity 5
+connectivity 8 with cube|--connectivity|dilate u1_3d.npy o.npy --shape cube --connectivity 8
+zero threads|--threads|dilate u1_2d.npy o.npy --shape square --threads 0
+bad memory budget|--memory-budget|dilate u1_2d.npy o.npy --shape square --memory-budget lots
+unknown --per axis|--per|extrema u1_3d.npy --per row
+missing input file|missing.npy|dilate missing.npy o.npy --shape square
+input that is not an array|junk.npy|dilate junk.npy o.npy --shape square
+input that is not .npy|input.txt|erode input.txt o.npy --shape square
+unserved dtype|c8_2d.npy|dilate c8_2d.npy o.npy --shape square
+Fortran-ordered input|fortran.npy|dilate fortran.npy o.npy --shape square
+one-axis input|one_axis.npy|extrema one_axis.npy
+six-axis input|six_axes.npy|extrema six_axes.npy
+input shorter than its shape|truncated.npy|erode truncated.npy o.npy --shape square
+EOF
+
+cp i2_2d.npy existing.npy
+"$LYN" dilate u1_2d.npy existing.npy --shape square >out 2>err
+rc=$?
+[ $rc -eq 2 ] && grep -qF -- "--force" err && cmp -s i2_2d.npy existing.npy
+report "existing output without --force: exit 2, file untouched" $?
+"$LYN" dilate u1_2d.npy existing.npy --shape square --force 2>err &&
+  "$PY" t.py morph u1_2d.npy dilate 8 1 existing.npy 2>>err
+report "existing output with --force is replaced" $?
+
+# --- demo: its outputs are the dilation and erosion it announces ---------------------------
+"$LYN" demo --size 24 --out demo >out 2>err &&
+  "$PY" t.py morph demo/volume.npy dilate 26 2 demo/dilated.npy 2>>err &&
+  "$PY" t.py morph demo/volume.npy erode 6 2 demo/eroded.npy 2>>err
+report "demo writes a volume and its cube dilation and erosion" $?
+
+# --- cancellation ----------------------------------------------------------------------------
+# Background jobs of a non-interactive shell start with SIGINT ignored, so a signal that comes
+# before lyn installs its handler is lost, not fatal: keep signalling until lyn exits.
+"$LYN" dilate big.npy big-out.npy --shape cube --radius 50 --generic 2>err &
+pid=$!
+for _ in $(seq 60); do
+  sleep 0.5
+  kill -INT "$pid" 2>/dev/null || break
+done
+kill -KILL "$pid" 2>/dev/null  # never cancelled: do not wait for the whole computation
+wait "$pid"
+rc=$?
+[ $rc -eq 130 ] && grep -q cancelled err && [ ! -e big-out.npy ]
+status=$?
+[ $status -ne 0 ] && echo "exit status $rc" >>err
+report "SIGINT cancels a long dilation: exit 130, no output" $status
+rm -f big.npy
+
+# Every failure above must have removed its temporary file.
+find . -name '*.partial-*' >err
+[ ! -s err ]
+report "no .partial- files left behind" $?
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

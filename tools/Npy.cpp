@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <vector>
 
 namespace lyn {
@@ -26,6 +26,59 @@ const TypeCode kCodes[] = {{"u1", UInt8}, {"u2", UInt16}, {"u4", UInt32}, {"u8",
                            {"b1", Binary}};
 
 std::string fail(const std::string& path, const std::string& what) { return path + ": " + what; }
+
+// The header is a Python dict literal such as {'descr': '<f4', 'fortran_order': False, 'shape': (3, 4), }.
+// A hand parser rather than <regex>: GCC 12 warns inside <regex> under the sanitizers, and
+// warnings are errors.
+
+// Position just after "'key':" (either quote style), or npos.
+std::size_t valueOf(const std::string& header, const std::string& key) {
+    for (const char q : {'\'', '"'}) {
+        const std::size_t at = header.find(q + key + q);
+        if (at == std::string::npos) continue;
+        std::size_t i = header.find_first_not_of(" \t", at + key.size() + 2);
+        if (i == std::string::npos || header[i] != ':') return std::string::npos;
+        return header.find_first_not_of(" \t", i + 1);
+    }
+    return std::string::npos;
+}
+
+// The quoted string at `i`, or false.
+bool quotedAt(const std::string& header, std::size_t i, std::string& out) {
+    if (i == std::string::npos || (header[i] != '\'' && header[i] != '"')) return false;
+    const std::size_t end = header.find(header[i], i + 1);
+    if (end == std::string::npos) return false;
+    out = header.substr(i + 1, end - i - 1);
+    return true;
+}
+
+// The tuple of non-negative integers at `i`, such as "(3, 4)" or "(5,)", or false.
+bool tupleAt(const std::string& header, std::size_t i, std::vector<std::uint64_t>& out) {
+    if (i == std::string::npos || header[i] != '(') return false;
+    const std::size_t end = header.find(')', i);
+    if (end == std::string::npos) return false;
+    bool needComma = false;
+    for (std::size_t k = i + 1; k < end;) {
+        const char c = header[k];
+        if (c == ' ' || c == '\t') {
+            ++k;
+        } else if (c == ',' && needComma) {
+            needComma = false;
+            ++k;
+        } else if (c >= '0' && c <= '9' && !needComma) {
+            std::uint64_t v = 0;
+            for (; k < end && header[k] >= '0' && header[k] <= '9'; ++k) {
+                if (v > (UINT64_MAX - 9) / 10) return false;
+                v = v * 10 + static_cast<std::uint64_t>(header[k] - '0');
+            }
+            out.push_back(v);
+            needComma = true;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
 
 void swapBytes(void* data, std::size_t count, std::size_t size) {
     if (size == 1) return;
@@ -60,23 +113,21 @@ NpyHeader readNpyHeader(const std::string& path) {
 
     NpyHeader h;
     h.dataOffset = (major == 1 ? 10 : 12) + headerLen;
-    std::smatch m;
-    if (!std::regex_search(header, m, std::regex(R"('descr'\s*:\s*'([<>|=])([a-z]\d+)')")))
+    std::string descr;
+    if (!quotedAt(header, valueOf(header, "descr"), descr) || descr.size() < 2 ||
+        std::string("<>|=").find(descr[0]) == std::string::npos)
         throw InputError(fail(path, "header has no readable 'descr'"));
-    const std::string order = m[1], code = m[2];
+    const std::string code = descr.substr(1);
     auto it = std::find_if(std::begin(kCodes), std::end(kCodes), [&](const TypeCode& c) { return code == c.code; });
-    if (it == std::end(kCodes)) throw InputError(fail(path, "unsupported NumPy dtype '" + order + code + "'"));
+    if (it == std::end(kCodes)) throw InputError(fail(path, "unsupported NumPy dtype '" + descr + "'"));
     h.type = it->type;
-    h.bigEndian = order == ">";
-    if (std::regex_search(header, m, std::regex(R"('fortran_order'\s*:\s*True)")))
+    h.bigEndian = descr[0] == '>';
+    const std::size_t fortran = valueOf(header, "fortran_order");
+    if (fortran != std::string::npos && header.compare(fortran, 4, "True") == 0)
         throw InputError(fail(path, "Fortran-ordered arrays are not supported (save it in C order)"));
-    if (!std::regex_search(header, m, std::regex(R"('shape'\s*:\s*\(([^)]*)\))")))
-        throw InputError(fail(path, "header has no readable 'shape'"));
     std::vector<std::uint64_t> shape;
-    std::string dims = m[1];
-    std::regex num(R"(\d+)");
-    for (auto i = std::sregex_iterator(dims.begin(), dims.end(), num); i != std::sregex_iterator(); ++i)
-        shape.push_back(std::stoull(i->str()));
+    if (!tupleAt(header, valueOf(header, "shape"), shape))
+        throw InputError(fail(path, "header has no readable 'shape'"));
     if (shape.size() < 2 || shape.size() > 5)
         throw InputError(fail(path, "has " + std::to_string(shape.size()) + " axes; images have 2 to 5"));
     h.axes = static_cast<int>(shape.size());

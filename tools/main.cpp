@@ -12,9 +12,22 @@ using namespace lyn::tool;
 
 namespace {
 
+// CLI11's own number checks print their bound as a 300-digit double and say nothing useful about
+// "abc" or "1.5"; this says plainly what the option takes.
+CLI::Validator integerAtLeast(long long least) {
+    const std::string what = least == 0 ? "a non-negative integer" : "an integer of at least " + std::to_string(least);
+    return CLI::Validator(
+        [least, what](std::string& text) -> std::string {
+            long long value = 0;
+            if (CLI::detail::lexical_cast(text, value) && value >= least) return {};
+            return "must be " + what + ", not '" + text + "'";
+        },
+        least == 0 ? "NONNEGATIVE" : least == 1 ? "POSITIVE" : ">=" + std::to_string(least));
+}
+
 void addCommon(CLI::App* cmd, CommonOptions& c) {
     cmd->add_option("--threads", c.threads, "At most N worker threads (default: all cores)")
-        ->check(CLI::PositiveNumber);
+        ->check(integerAtLeast(1));
     cmd->add_flag("--generic", c.generic, "Do not use the plug-in: the host's generic code computes everything");
     cmd->add_flag("--quiet", c.quiet, "No progress bar");
     cmd->add_flag("--force", c.force, "Overwrite an existing OUTPUT");
@@ -25,10 +38,10 @@ void addCommon(CLI::App* cmd, CommonOptions& c) {
 
 void addShape(CLI::App* cmd, ShapeOptions& s) {
     cmd->add_option("--shape", s.shape, "square, cube, disk, ball, line, disk3d or line3d")->required();
-    cmd->add_option("--radius", s.radius, "Radius R")->check(CLI::NonNegativeNumber);
+    cmd->add_option("--radius", s.radius, "Radius R")->check(integerAtLeast(0));
     cmd->add_option("--connectivity", s.connectivity, "square: 8 or 4; cube: 26, 18 or 6")
-        ->check(CLI::NonNegativeNumber);
-    cmd->add_option("--length", s.length, "Line length L in pixels (at least 1)")->check(CLI::NonNegativeNumber);
+        ->check(integerAtLeast(0));
+    cmd->add_option("--length", s.length, "Line length L in pixels (at least 1)")->check(integerAtLeast(0));
     cmd->add_option("--angle", s.angle, "Line angle in degrees from the column axis")->each([&s](const std::string&) {
         s.angleGiven = true;
     });
@@ -71,7 +84,7 @@ int main(int argc, char** argv) {
     long long size = 0;
     auto* demo = app.add_subcommand("demo", "Runs every operation on a built-in synthetic volume");
     demo->add_option("--out", outDir, "Where the demo writes its images");
-    demo->add_option("--size", size, "Edge of the demo volume in voxels (default 256)")->check(CLI::PositiveNumber);
+    demo->add_option("--size", size, "Edge of the demo volume in voxels (default 256)")->check(integerAtLeast(1));
     addCommon(demo, common);
 
     try {
