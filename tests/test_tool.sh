@@ -232,6 +232,18 @@ for case in "square 2d" "cube 3d"; do
   report "--shape $shape --radius 0 gives the input unchanged" $?
 done
 
+# TIFF: one page per plan; a round trip through .tif keeps type, shape and every bit.
+for case in "u1 2d square" "i2 3d cube" "f4 3d cube" "f8 2d square"; do
+  read -r dt dims shape <<<"$case"
+  rm -f t.tif back.npy d.tif d.npy
+  "$LYN" dilate "${dt}_$dims.npy" t.tif --shape "$shape" --radius 0 2>err &&
+    "$LYN" erode t.tif back.npy --shape "$shape" --radius 0 2>>err &&
+    "$PY" t.py same "${dt}_$dims.npy" back.npy 2>>err &&
+    "$LYN" dilate t.tif d.tif --shape "$shape" 2>>err && "$LYN" dilate t.tif d.npy --shape "$shape" 2>>err &&
+    [ "$("$LYN" extrema d.tif --json 2>>err)" = "$("$LYN" extrema d.npy --json 2>>err)" ]
+  report "TIFF round trip and dilation, $dt $dims" $?
+done
+
 # A plug-in that cannot be loaded leaves the host's generic code in charge.
 rm -f a.npy
 LYN_PLUGIN="$work/absent.so" "$LYN" dilate u1_3d.npy a.npy --shape cube 2>err &&

@@ -18,6 +18,7 @@
 #include "host/Settings.h"
 #include "tools/Npy.h"
 #include "tools/Progress.h"
+#include "tools/Tiff.h"
 
 namespace lyn {
 namespace tool {
@@ -55,14 +56,27 @@ void applyCommon(BaseAlgorithm& algo, const CommonOptions& c) {
     }
 }
 
+bool isTiff(const std::string& path) { return endsWith(path, ".tif") || endsWith(path, ".tiff"); }
+
 std::unique_ptr<MemoryImage> loadInput(const std::string& path, int& axes) {
-    if (!endsWith(path, ".npy")) throw UsageError(path + ": unsupported input format (use a .npy file)");
+    if (isTiff(path)) {
+        auto image = io::readTiff(path);
+        axes = image->getNumOf(Plans) > 1 ? 3 : 2;
+        return image;
+    }
+    if (!endsWith(path, ".npy")) throw UsageError(path + ": unsupported input format (use .npy, .tif or .tiff)");
     return io::readNpy(path, &axes);
 }
 
 void checkOutput(const std::string& path, const CommonOptions& c) {
-    if (!endsWith(path, ".npy")) throw UsageError(path + ": unsupported output format (use a .npy file)");
+    if (!endsWith(path, ".npy") && !isTiff(path))
+        throw UsageError(path + ": unsupported output format (use .npy, .tif or .tiff)");
     if (fileExists(path) && !c.force) throw UsageError(path + " exists (use --force to overwrite it)");
+}
+
+void saveOutput(const std::string& path, const ImageModel& image, int axes) {
+    if (isTiff(path)) io::writeTiff(path, image);
+    else io::writeNpy(path, image, axes);
 }
 
 // Runs the algorithm with a progress bar, Ctrl-C cancelling it.
@@ -220,7 +234,7 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
 
     if (radius == 0) {
         // Zero passes leave an output untouched, so the copy is the tool's.
-        io::writeNpy(output, *in, axes);
+        saveOutput(output, *in, axes);
         return 0;
     }
     MemoryImage out;
@@ -229,7 +243,7 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
     algo->kernelRadius = radius;
     algo->neighborhood = neighbourhood;
     runWithProgress(*algo, dilate ? "dilate" : "erode", common);
-    io::writeNpy(output, out, axes);
+    saveOutput(output, out, axes);
     return 0;
 }
 

@@ -63,7 +63,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> per;
     bool json = false;
     auto* extrema = app.add_subcommand("extrema", "Minimum and maximum voxel value");
-    extrema->add_option("INPUT", input, "Input image (.npy)")->required();
+    extrema->add_option("INPUT", input, "Input image (.npy, .tif)")->required();
     extrema->add_option("--per", per, "Comma-separated subset of plan, axis3, axis4")->delimiter(',');
     extrema->add_flag("--json", json, "Print JSON");
     addCommon(extrema, common);
@@ -74,8 +74,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 2; ++i) {
         morph[i] = app.add_subcommand(names[i], i == 0 ? "Grey-level dilation (maximum over a structuring element)"
                                                         : "Grey-level erosion (minimum over a structuring element)");
-        morph[i]->add_option("INPUT", input, "Input image (.npy)")->required();
-        morph[i]->add_option("OUTPUT", output, "Output image (.npy)")->required();
+        morph[i]->add_option("INPUT", input, "Input image (.npy, .tif)")->required();
+        morph[i]->add_option("OUTPUT", output, "Output image (.npy, .tif)")->required();
         addShape(morph[i], shape);
         addCommon(morph[i], common);
     }
