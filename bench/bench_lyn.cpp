@@ -1,0 +1,403 @@
+// Plug-in against generic code against a parallel memcpy of the same bytes with the same number of
+// threads. Everything runs in one program so that the ratios come from one run on one machine state.
+// Names read <group>/<type>/<case>/<implementation>/threads:<t>/real_time.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_arena.h>
+
+#include "host/Algorithm.h"
+#include "host/Algorithms.h"
+#include "host/Image.h"
+#include "host/Measurement.h"
+#include "host/PluginLoader.h"
+
+namespace {
+
+using lyn::MemoryImage;
+using lyn::VoxelTypes;
+
+struct Shape {
+    std::uint64_t cols, rows, plans;
+};
+constexpr Shape kVolume{512, 512, 256};
+constexpr Shape kCube{256, 256, 256};
+constexpr Shape kPlane{4096, 4096, 1};
+
+// Range: values in [10, 200], so no type's whole range is present and extrema scan everything.
+// Early: uint8 in [1, 254] with 0 and 255 as the first two voxels, so a scan may stop at once.
+enum class Pattern { Range, Early };
+enum class Impl { Plugin, Generic };
+
+const char* implName(Impl impl) { return impl == Impl::Plugin ? "plugin" : "generic"; }
+
+std::uint64_t splitmix(std::uint64_t& state) {
+    std::uint64_t z = (state += 0x9e3779b97f4a7c15ULL);
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+    return z ^ (z >> 31);
+}
+
+template <class T>
+void fillRange(T* data, std::uint64_t n, std::uint64_t seed) {
+    std::uint64_t state = seed;
+    for (std::uint64_t i = 0; i < n; ++i) {
+        const std::uint64_t r = splitmix(state);
+        if constexpr (std::is_floating_point_v<T>) data[i] = T(10) + T(r % 19001) * T(0.01);
+        else data[i] = static_cast<T>(10 + r % 191);
+    }
+}
+
+void fill(MemoryImage& image, Pattern pattern) {
+    const std::uint64_t n = image.getNumOfVoxels();
+    const std::uint64_t seed = 0x6c796e0000000000ULL + std::uint64_t(image.getVoxelType());
+    switch (image.getVoxelType()) {
+    case lyn::UInt8:
+        if (pattern == Pattern::Early) {
+            std::uint64_t state = seed;
+            auto* d = image.dataAs<std::uint8_t>();
+            for (std::uint64_t i = 0; i < n; ++i) d[i] = static_cast<std::uint8_t>(1 + splitmix(state) % 254);
+            d[0] = 0;
+            d[1] = 255;
+            return;
+        }
+        fillRange(image.dataAs<std::uint8_t>(), n, seed);
+        return;
+    case lyn::UInt16: fillRange(image.dataAs<std::uint16_t>(), n, seed); return;
+    case lyn::Float: fillRange(image.dataAs<float>(), n, seed); return;
+    case lyn::Double: fillRange(image.dataAs<double>(), n, seed); return;
+    default: std::abort();
+    }
+}
+
+// One input and one scratch image at a time: registration groups benchmarks by data set, so each
+// set is generated once, and memory stays bounded by the largest set (512 MiB float64 volume x 2).
+class Pool {
+public:
+    MemoryImage& input(VoxelTypes type, Shape s, Pattern p) {
+        const Key key{type, s.cols, s.rows, s.plans, int(p)};
+        if (!m_input || key != m_inputKey) {
+            m_input.reset();
+            m_input = std::make_unique<MemoryImage>(type, s.cols, s.rows, s.plans);
+            fill(*m_input, p);
+            m_inputKey = key;
+        }
+        return *m_input;
+    }
+    // Pages are touched here so no benchmark pays first-touch faults in its timed loop.
+    MemoryImage& scratch(VoxelTypes type, Shape s) {
+        const Key key{type, s.cols, s.rows, s.plans, 0};
+        if (!m_scratch || key != m_scratchKey) {
+            m_scratch.reset();
+            m_scratch = std::make_unique<MemoryImage>(type, s.cols, s.rows, s.plans);
+            std::memset(m_scratch->data(), 0, m_scratch->getSizeInBytes());
+            m_scratchKey = key;
+        }
+        return *m_scratch;
+    }
+
+private:
+    using Key = std::tuple<int, std::uint64_t, std::uint64_t, std::uint64_t, int>;
+    std::unique_ptr<MemoryImage> m_input, m_scratch;
+    Key m_inputKey, m_scratchKey;
+};
+
+Pool& pool() {
+    static Pool p;
+    return p;
+}
+
+// CPU that other processes used while a benchmark was timed, in CPUs (0 to 2 here). The machine is
+// shared with compiles; a reading well above 0 marks a result taken while a core was taken away.
+class ForeignLoad {
+public:
+    ForeignLoad() : m_busy(busyTicks()), m_self(selfTicks()), m_start(std::chrono::steady_clock::now()) {}
+    double cpus() const {
+        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
+        const double ticks = double(busyTicks() - m_busy) - double(selfTicks() - m_self);
+        return seconds > 0 ? std::max(0.0, ticks / double(sysconf(_SC_CLK_TCK)) / seconds) : 0.0;
+    }
+    void report(benchmark::State& st) const { st.counters["others_cpu"] = cpus(); }
+
+private:
+    // user + nice + system + irq + softirq of all processors.
+    static std::uint64_t busyTicks() {
+        std::ifstream f("/proc/stat");
+        std::string cpu;
+        std::uint64_t v[7] = {};
+        f >> cpu;
+        for (auto& x : v) f >> x;
+        return v[0] + v[1] + v[2] + v[5] + v[6];
+    }
+    // utime + stime of this process, all threads (fields 14 and 15, counted after the command name).
+    static std::uint64_t selfTicks() {
+        std::ifstream f("/proc/self/stat");
+        std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+        const std::size_t paren = text.rfind(')');
+        if (paren == std::string::npos) return 0;
+        std::istringstream fields(text.substr(paren + 1));
+        std::string skip;
+        for (int i = 3; i < 14; ++i) fields >> skip;
+        std::uint64_t utime = 0, stime = 0;
+        fields >> utime >> stime;
+        return utime + stime;
+    }
+
+    std::uint64_t m_busy, m_self;
+    std::chrono::steady_clock::time_point m_start;
+};
+
+// The plug-in case must really have run a runner, the generic case must not have.
+bool checkRunner(benchmark::State& st, const lyn::BaseAlgorithm& algo, Impl impl) {
+    const bool ran = algo.getLastRunner() != nullptr;
+    if (impl == Impl::Plugin && !ran) {
+        st.SkipWithError("no plug-in runner served the request (plug-in not loaded, or no AVX2?)");
+        return false;
+    }
+    if (impl == Impl::Generic && ran) {
+        st.SkipWithError("a runner served a request that asked for the generic code");
+        return false;
+    }
+    st.SetLabel(ran ? lyn::runnerName(algo.getLastRunner()) : std::string("generic"));
+    return true;
+}
+
+void setBytes(benchmark::State& st, const MemoryImage& image) {
+    st.SetBytesProcessed(static_cast<std::int64_t>(st.iterations()) *
+                         static_cast<std::int64_t>(image.getSizeInBytes()));
+}
+
+// Library errors become a skipped benchmark with the message rather than an aborted run.
+template <class F>
+void guarded(benchmark::State& st, F&& body) {
+    try {
+        body();
+    } catch (const std::exception& e) {
+        st.SkipWithError(e.what());
+    }
+}
+
+void benchMemcpy(benchmark::State& st, VoxelTypes type, Shape shape) {
+    guarded(st, [&] {
+        const int threads = static_cast<int>(st.range(0));
+        const MemoryImage& src = pool().input(type, shape, Pattern::Range);
+        MemoryImage& dst = pool().scratch(type, shape);
+        const std::size_t bytes = src.getSizeInBytes();
+        // Four equal chunks per thread: a little slack for a busy machine, still one memcpy per chunk.
+        const std::size_t chunks = std::size_t(threads) * 4;
+        const std::size_t chunk = (bytes + chunks - 1) / chunks;
+        const char* s = static_cast<const char*>(src.data());
+        char* d = static_cast<char*>(dst.data());
+        tbb::task_arena arena(threads);
+        arena.initialize();
+        auto copy = [&] {
+            arena.execute([&] {
+                tbb::parallel_for(
+                    tbb::blocked_range<std::size_t>(0, chunks, 1),
+                    [&](const tbb::blocked_range<std::size_t>& r) {
+                        for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                            const std::size_t begin = i * chunk;
+                            if (begin < bytes) std::memcpy(d + begin, s + begin, std::min(chunk, bytes - begin));
+                        }
+                    },
+                    tbb::simple_partitioner());
+            });
+        };
+        copy();  // wakes the arena's workers before timing
+        const ForeignLoad load;
+        for (auto _ : st) {
+            copy();
+            benchmark::ClobberMemory();
+        }
+        load.report(st);
+        st.SetLabel("memcpy");
+        setBytes(st, src);
+    });
+}
+
+void benchExtrema(benchmark::State& st, VoxelTypes type, Pattern pattern, Impl impl) {
+    guarded(st, [&] {
+        const MemoryImage& image = pool().input(type, kVolume, pattern);
+        lyn::analysis::IntensityExtrema a;
+        lyn::analysis::IntensityExtremaMsr m;
+        a.inputImage = &image;
+        a.rangeMode = 0;
+        a.result = &m;
+        a.setMaxThreads(static_cast<int>(st.range(0)));
+        a.setUsePlugin(impl == Impl::Plugin);
+        a.execute();
+        if (!checkRunner(st, a, impl)) return;
+        const ForeignLoad load;
+        for (auto _ : st) a.execute();
+        load.report(st);
+        const double lo = pattern == Pattern::Early ? 0 : 10, hi = pattern == Pattern::Early ? 255 : 200;
+        if (m.minimum().at(0) != lo || m.maximum().at(0) != hi) st.SkipWithError("wrong extrema");
+        setBytes(st, image);
+    });
+}
+
+std::unique_ptr<lyn::morphology::SquareMorphology> makeMorph(bool dilate, int dims) {
+    using namespace lyn::morphology;
+    if (dims == 2) {
+        if (dilate) return std::make_unique<Dilation2d>();
+        return std::make_unique<Erosion2d>();
+    }
+    if (dilate) return std::make_unique<Dilation3d>();
+    return std::make_unique<Erosion3d>();
+}
+
+struct MorphCase {
+    VoxelTypes type;
+    Shape shape;
+    int dims;
+    bool dilate;
+    int neighborhood;
+    unsigned passes;
+    Impl impl;
+};
+
+void benchMorph(benchmark::State& st, MorphCase c, bool warmUp) {
+    guarded(st, [&] {
+        const MemoryImage& in = pool().input(c.type, c.shape, Pattern::Range);
+        MemoryImage& out = pool().scratch(c.type, c.shape);
+        auto d = makeMorph(c.dilate, c.dims);
+        d->inputImage = &in;
+        d->outputImage = &out;
+        d->kernelRadius = c.passes;
+        d->neighborhood = c.neighborhood;
+        d->setMaxThreads(static_cast<int>(st.range(0)));
+        d->setUsePlugin(c.impl == Impl::Plugin);
+        // The slow generic 3D case skips the warm-up and is checked after its single iteration.
+        if (warmUp) {
+            d->execute();
+            if (!checkRunner(st, *d, c.impl)) return;
+        }
+        const ForeignLoad load;
+        for (auto _ : st) d->execute();
+        load.report(st);
+        if (!warmUp && !checkRunner(st, *d, c.impl)) return;
+        setBytes(st, in);
+    });
+}
+
+struct TypeInfo {
+    VoxelTypes type;
+    const char* name;
+};
+constexpr TypeInfo kTypes[] = {{lyn::UInt8, "uint8"}, {lyn::UInt16, "uint16"}, {lyn::Float, "float32"},
+                               {lyn::Double, "float64"}};
+
+template <class F>
+benchmark::internal::Benchmark* reg(const std::string& name, F&& fn) {
+    return benchmark::RegisterBenchmark(name.c_str(), std::forward<F>(fn))
+        ->ArgName("threads")
+        ->Arg(1)
+        ->Arg(2)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
+void registerExtrema() {
+    for (const TypeInfo& t : kTypes) {
+        const std::string base = std::string("extrema/") + t.name + "/range/";
+        const VoxelTypes type = t.type;
+        reg(base + "memcpy", [type](benchmark::State& st) { benchMemcpy(st, type, kVolume); });
+        for (Impl impl : {Impl::Plugin, Impl::Generic})
+            reg(base + implName(impl),
+                [type, impl](benchmark::State& st) { benchExtrema(st, type, Pattern::Range, impl); });
+    }
+    for (Impl impl : {Impl::Plugin, Impl::Generic})
+        reg(std::string("extrema/uint8/early/") + implName(impl),
+            [impl](benchmark::State& st) { benchExtrema(st, lyn::UInt8, Pattern::Early, impl); });
+}
+
+void registerMorph2d() {
+    struct Nb {
+        int value;
+        const char* name;
+    };
+    for (const TypeInfo& t : kTypes) {
+        const std::string base = std::string("morph2d/") + t.name + "/";
+        const VoxelTypes type = t.type;
+        reg(base + "copy/memcpy", [type](benchmark::State& st) { benchMemcpy(st, type, kPlane); });
+        for (Nb nb : {Nb{1, "square"}, Nb{0, "cross"}}) {
+            for (unsigned passes : {1u, 5u}) {
+                MorphCase c{type, kPlane, 2, true, nb.value, passes, Impl::Plugin};
+                const std::string name = base + "dilate-" + nb.name + "-x" + std::to_string(passes) + "/";
+                reg(name + "plugin", [c](benchmark::State& st) { benchMorph(st, c, true); });
+                if (passes == 1) {
+                    MorphCase g = c;
+                    g.impl = Impl::Generic;
+                    reg(name + "generic", [g](benchmark::State& st) { benchMorph(st, g, true); });
+                }
+            }
+            // Erosion shares the dilation's code with the other functor; one pass checks it does not lag.
+            MorphCase e{type, kPlane, 2, false, nb.value, 1, Impl::Plugin};
+            reg(base + "erode-" + nb.name + "-x1/plugin", [e](benchmark::State& st) { benchMorph(st, e, true); });
+        }
+    }
+}
+
+void registerMorph3d() {
+    const TypeInfo types[] = {{lyn::UInt8, "uint8"}, {lyn::Float, "float32"}, {lyn::Double, "float64"}};
+    for (const TypeInfo& t : types) {
+        const Shape shape = t.type == lyn::UInt8 ? kVolume : kCube;
+        const std::string base = std::string("morph3d/") + t.name + "/";
+        const VoxelTypes type = t.type;
+        reg(base + "copy/memcpy", [type, shape](benchmark::State& st) { benchMemcpy(st, type, shape); });
+        for (int nb : {0, 1, 2}) {
+            const std::string conn = nb == 0 ? "6" : nb == 1 ? "18" : "26";
+            for (unsigned passes : {1u, 3u}) {
+                MorphCase c{type, shape, 3, true, nb, passes, Impl::Plugin};
+                const std::string name = base + "dilate-" + conn + "-x" + std::to_string(passes) + "/";
+                reg(name + "plugin", [c](benchmark::State& st) { benchMorph(st, c, true); });
+                if (passes == 1 && nb == 2 && type == lyn::UInt8) {
+                    MorphCase g = c;
+                    g.impl = Impl::Generic;
+                    // Several seconds per run: one iteration per repetition is enough.
+                    reg(name + "generic", [g](benchmark::State& st) { benchMorph(st, g, false); })->Iterations(1);
+                }
+            }
+            MorphCase e{type, shape, 3, false, nb, 1, Impl::Plugin};
+            reg(base + "erode-" + conn + "-x1/plugin", [e](benchmark::State& st) { benchMorph(st, e, true); });
+        }
+    }
+}
+
+// Registered during static initialisation, after liblyn's own statics: BENCHMARK_MAIN then parses
+// the command line and runs the registered benchmarks. The plug-in is loaded here once, so its
+// path is in the output's context and no benchmark pays for the load.
+[[maybe_unused]] const bool kRegistered = [] {
+    lyn::Plugin::ensureStarted();
+    benchmark::AddCustomContext("lyn_plugin", lyn::Plugin::isLoaded()
+                                                  ? lyn::Plugin::loadedPath()
+                                                  : "not loaded: " + lyn::Plugin::lastError());
+    const char* grain = std::getenv("LYN_GRAIN_SIZES");
+    benchmark::AddCustomContext("lyn_grain_sizes", grain && *grain ? grain : "default");
+    registerExtrema();
+    registerMorph2d();
+    registerMorph3d();
+    return true;
+}();
+
+} // namespace
+
+BENCHMARK_MAIN();
