@@ -34,18 +34,46 @@ public:
         // Nothing can change a result that already spans the type's whole range.
         if (m_min == m_lowest && m_max == m_highest) return;
         if (block.empty()) return;
-        auto cache = filter.getView().createRowCacheRead(1);
-        const unsigned long width = (block.getNbCols() + N - 1) / N * N;
-        typename Ops::V vmin = broadcast(m_min), vmax = broadcast(m_max);
+        const auto& view = filter.getView();
+        const unsigned long cols = block.getNbCols();
+        typename Ops::V lo0 = broadcast(m_min), hi0 = broadcast(m_max), lo1 = lo0, hi1 = hi0;
+        decltype(view.createRowCacheRead(1)) cache;
         for (long p = 0; p < long(block.getNbPlans()); ++p)
             for (long r = 0; r < long(block.getNbRows()); ++r) {
-                const T* row = cache->fetchRowInBlock(0, width, block, 0, r, p, 0, 0).data();
-                for (unsigned long x = 0; x < width; x += N) {
-                    const typename Ops::V v = Ops::load(row + x);
-                    vmin = Ops::min(v, vmin);
-                    vmax = Ops::max(v, vmax);
+                // Rows held in memory are read in place, the last vector overlapping the one before
+                // it (folding a voxel twice changes nothing); others come padded through the cache.
+                const T* row = cols >= N ? view.directRow(block.colsBegin(), block.rowsBegin() + r,
+                                                          block.plansBegin() + p, block.sequenceBegin(),
+                                                          block.spectralSeriesBegin(), cols)
+                                         : nullptr;
+                unsigned long width = cols;
+                if (!row) {
+                    if (!cache) cache = view.createRowCacheRead(1);
+                    width = (cols + N - 1) / N * N;
+                    row = cache->fetchRowInBlock(0, width, block, 0, r, p, 0, 0).data();
+                }
+                unsigned long x = 0;
+                for (; x + 2 * N <= width; x += 2 * N) {
+                    const typename Ops::V a = Ops::load(row + x), b = Ops::load(row + x + N);
+                    lo0 = Ops::min(a, lo0);
+                    hi0 = Ops::max(a, hi0);
+                    lo1 = Ops::min(b, lo1);
+                    hi1 = Ops::max(b, hi1);
+                }
+                if (x + N <= width) {
+                    const typename Ops::V a = Ops::load(row + x);
+                    lo0 = Ops::min(a, lo0);
+                    hi0 = Ops::max(a, hi0);
+                    x += N;
+                }
+                if (x < width) {
+                    const typename Ops::V a = Ops::load(row + width - N);
+                    lo1 = Ops::min(a, lo1);
+                    hi1 = Ops::max(a, hi1);
                 }
             }
+        // NaN-free accumulators: the order of these folds cannot change the result.
+        const typename Ops::V vmin = Ops::min(lo0, lo1), vmax = Ops::max(hi0, hi1);
         alignas(32) T lo[N], hi[N];
         Ops::store(lo, vmin);
         Ops::store(hi, vmax);

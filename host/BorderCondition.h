@@ -47,6 +47,13 @@ public:
         return image->writeRaw(src, count, col, row, plan, seq, spec);
     }
 
+    // Address of `count` voxels of one row when they are all inside the image and in memory.
+    template <class T>
+    const T* pointer(long col, long row, long plan, long seq, long spec, unsigned long count) const {
+        if (!m_direct || col < 0 || col + long(count) > m_extents[0] || !insideOuter(row, plan, seq, spec)) return nullptr;
+        return reinterpret_cast<const T*>(address(col, row, plan, seq, spec));
+    }
+
 private:
     char* address(long col, long row, long plan, long seq, long spec) const {
         return m_layout.base + col * m_layout.strides[0] + row * m_layout.strides[1] + plan * m_layout.strides[2] +

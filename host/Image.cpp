@@ -40,12 +40,13 @@ std::string ImageModel::describe() const {
 namespace {
 constexpr std::size_t kAlign = 32;
 
-void* alignedAllocate(std::uint64_t bytes) {
+void* alignedAllocate(std::uint64_t bytes, bool zeroFill) {
     // One spare vector at the end so whole-vector reads of the last row stay inside the block.
     std::uint64_t rounded = (bytes + kAlign - 1) / kAlign * kAlign + kAlign;
     void* p = std::aligned_alloc(kAlign, rounded);
     if (!p) throw std::bad_alloc();
-    std::memset(p, 0, rounded);
+    if (zeroFill) std::memset(p, 0, rounded);
+    else std::memset(static_cast<char*>(p) + rounded - kAlign, 0, kAlign);  // the slack is read, never used
     return p;
 }
 } // namespace
@@ -76,7 +77,7 @@ void MemoryImage::release() {
     m_owned = true;
 }
 
-void MemoryImage::allocate(VoxelTypes type, const Extents& extents) {
+void MemoryImage::allocate(VoxelTypes type, const Extents& extents, bool zeroFill) {
     if (!isValidVoxelType(type)) raise<RuleException>("Invalid voxel type for an image", "host/Image", __LINE__);
     std::uint64_t n = 1;
     for (auto e : extents) {
@@ -85,16 +86,16 @@ void MemoryImage::allocate(VoxelTypes type, const Extents& extents) {
     }
     std::uint64_t size = helper::getSizeOf(type);
     if (n > UINT64_MAX / size / 2) throw std::bad_alloc();
-    void* p = alignedAllocate(n * size);
+    void* p = alignedAllocate(n * size, zeroFill);
     release();
     m_data = p;
     m_type = type;
     m_extents = extents;
 }
 
-bool MemoryImage::tryAllocate(VoxelTypes type, const Extents& extents) {
+bool MemoryImage::tryAllocate(VoxelTypes type, const Extents& extents, bool zeroFill) {
     try {
-        allocate(type, extents);
+        allocate(type, extents, zeroFill);
         return true;
     } catch (const std::bad_alloc&) {
         return false;

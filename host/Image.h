@@ -63,10 +63,11 @@ public:
 
     static std::shared_ptr<MemoryImage> New(VoxelTypes type, const Extents& extents);
 
-    // Reallocates for a new type and shape; throws std::bad_alloc when memory is short.
-    void allocate(VoxelTypes type, const Extents& extents);
+    // Reallocates for a new type and shape, zero-filled unless `zeroFill` is false (scratch images
+    // that are written before they are read); throws std::bad_alloc when memory is short.
+    void allocate(VoxelTypes type, const Extents& extents, bool zeroFill = true);
     // Like allocate, but reports failure instead of throwing.
-    bool tryAllocate(VoxelTypes type, const Extents& extents);
+    bool tryAllocate(VoxelTypes type, const Extents& extents, bool zeroFill = true);
 
     std::uint64_t getNumOf(const Components& axis) const override;
     VoxelTypes getVoxelType() const override { return m_type; }

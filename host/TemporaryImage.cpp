@@ -19,7 +19,8 @@ bool TemporaryImage::reserve(const VoxelTypes& type, unsigned long cols, unsigne
         return false;
     }
     auto image = std::make_unique<MemoryImage>();
-    if (!image->tryAllocate(type, {cols, rows, plans, sequence, spectral})) return false;
+    // Every pass writes the whole region before the next one reads it: no need to zero it.
+    if (!image->tryAllocate(type, {cols, rows, plans, sequence, spectral}, false)) return false;
     m_image = std::move(image);
     return true;
 }

@@ -61,6 +61,12 @@ public:
         m_border->readRow(m_access, begin, end, col, row, plan, seq, spec);
     }
 
+    // The voxels [col, col + count) of a row lying wholly inside an image held in memory, read in
+    // place; null when they must be copied through readRow.
+    const T* directRow(long col, long row, long plan, long seq, long spec, unsigned long count) const {
+        return m_access.template pointer<T>(col, row, plan, seq, spec, count);
+    }
+
     // Writes `count` voxels at once; false when any of them lies outside the image or the image refused.
     bool writeRowAt(unsigned long count, const T* src, long col, long row, long plan, long seq, long spec) {
         if (!m_writable) return false;

@@ -12,25 +12,17 @@ namespace lyn {
 namespace morphology {
 
 namespace details {
-// Folds the iterator's operands in order over every row and plan of the block.
-template <class Functor, class Iterator, class Context>
-void foldBlock3d(const access::Block3d& block, Context& ctx, Iterator& in, const access::OverlapBorder& overlap,
-                 std::size_t operands) {
+// Walks every row and plan of the block, Kernel::fold(iterator, outputRow, cols) computing each row.
+template <class Kernel, class Iterator, class Context>
+void walkBlock3d(const access::Block3d& block, Context& ctx, Iterator& in, const access::OverlapBorder& overlap) {
     using T = typename Context::OutType;
-    using Ops = SimdVec::Ops<T>;
-    constexpr long L = long(Ops::N);
-    access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false, overlap);
+    access::IteratorPixelOutput<typename Context::OutView, SimdVec::Ops<T>::N> out(ctx.getOutputView(), false, overlap);
     out.init(block);
     const long cols = long(block.getNbCols()), rows = long(block.getNbRows()), plans = long(block.getNbPlans());
     if (rows == 0 || cols == 0) return;
     for (long z = 0; z < plans; ++z) {
         for (long y = 0; y < rows; ++y) {
-            T* o = out.rowData();
-            for (long x = 0; x < cols; x += L) {
-                auto acc = Ops::load(in.ptr(0) + x);
-                for (std::size_t k = 1; k < operands; ++k) acc = Functor::template step<T>(acc, Ops::load(in.ptr(k) + x));
-                Ops::store(o + x, acc);
-            }
+            Kernel::fold(in, out.rowData(), cols);
             out.nextRow();
             if (y + 1 < rows) in.nextRow();
         }
@@ -53,7 +45,22 @@ public:
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
-        details::foldBlock3d<Functor>(block, ctx, in, overlap, 7);
+        details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+    }
+
+    template <class Iterator, class T>
+    static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
+        using Ops = SimdVec::Ops<T>;
+        const T *back = in.ptr(0), *up = in.ptr(1), *mid = in.ptr(2), *down = in.ptr(5), *front = in.ptr(6);
+        for (long x = 0; x < cols; x += long(Ops::N)) {
+            auto acc = Ops::load(back + x);
+            acc = Functor::template step<T>(acc, Ops::load(up + x));
+            acc = Functor::template step<T>(acc, Ops::load(mid + x));
+            acc = Functor::template step<T>(acc, Ops::load(mid + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(mid + x + 2));
+            acc = Functor::template step<T>(acc, Ops::load(down + x));
+            Ops::store(o + x, Functor::template step<T>(acc, Ops::load(front + x)));
+        }
     }
 };
 
@@ -68,7 +75,38 @@ public:
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
-        details::foldBlock3d<Functor>(block, ctx, in, overlap, 19);
+        details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+    }
+
+    // Nine row pointers (three rows of three plans, each from column -1) replace the 19 operand
+    // pointers; the fold order is that of the iterator's list.
+    template <class Iterator, class T>
+    static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
+        using Ops = SimdVec::Ops<T>;
+        const T *am = in.ptr(0) - 1, *ac = in.ptr(1), *ap = in.ptr(4) - 1;
+        const T *bm = in.ptr(5), *bc = in.ptr(8), *bp = in.ptr(11);
+        const T *cm = in.ptr(14) - 1, *cc = in.ptr(15), *cp = in.ptr(18) - 1;
+        for (long x = 0; x < cols; x += long(Ops::N)) {
+            auto acc = Ops::load(am + x + 1);
+            acc = Functor::template step<T>(acc, Ops::load(ac + x));
+            acc = Functor::template step<T>(acc, Ops::load(ac + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(ac + x + 2));
+            acc = Functor::template step<T>(acc, Ops::load(ap + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(bm + x));
+            acc = Functor::template step<T>(acc, Ops::load(bm + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(bm + x + 2));
+            acc = Functor::template step<T>(acc, Ops::load(bc + x));
+            acc = Functor::template step<T>(acc, Ops::load(bc + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(bc + x + 2));
+            acc = Functor::template step<T>(acc, Ops::load(bp + x));
+            acc = Functor::template step<T>(acc, Ops::load(bp + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(bp + x + 2));
+            acc = Functor::template step<T>(acc, Ops::load(cm + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(cc + x));
+            acc = Functor::template step<T>(acc, Ops::load(cc + x + 1));
+            acc = Functor::template step<T>(acc, Ops::load(cc + x + 2));
+            Ops::store(o + x, Functor::template step<T>(acc, Ops::load(cp + x + 1)));
+        }
     }
 };
 
@@ -84,7 +122,18 @@ public:
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(in.getBorderInfluence()) : access::OverlapBorder();
-        details::foldBlock3d<Functor>(block, ctx, in, overlap, in.size());
+        details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+    }
+
+    template <class Iterator, class T>
+    static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
+        using Ops = SimdVec::Ops<T>;
+        const std::size_t n = in.size();
+        for (long x = 0; x < cols; x += long(Ops::N)) {
+            auto acc = Ops::load(in.ptr(0) + x);
+            for (std::size_t k = 1; k < n; ++k) acc = Functor::template step<T>(acc, Ops::load(in.ptr(k) + x));
+            Ops::store(o + x, acc);
+        }
     }
 
 private:

@@ -232,24 +232,31 @@ public:
         m_nbRows = nbRows;
         m_first = 0;
         m_plans.resize(m_nbPlans);
+        m_ordered.resize(m_nbPlans);
         for (unsigned long i = 0; i < m_nbPlans; ++i) m_plans[i] = &fetch(i, firstPlanOffset + long(i));
+        order();
     }
     // Plan i of the band, oldest first.
-    const Plan& plan(unsigned long i) const { return *m_plans[(m_first + i) % m_nbPlans]; }
+    const Plan& plan(unsigned long i) const { return *m_ordered[i]; }
     void next() {
         ++m_planOffset;
         m_plans[m_first] = &fetch(m_first, m_planOffset + long(m_nbPlans) - 1);
         m_first = (m_first + 1) % m_nbPlans;
+        order();
     }
 
 private:
+    void order() {
+        for (unsigned long i = 0; i < m_nbPlans; ++i) m_ordered[i] = m_plans[(m_first + i) % m_nbPlans];
+    }
     const Plan& fetch(unsigned long slot, long planOffset) {
         return m_cache->fetchPlanInBlock(slot, m_rowLength, m_nbRows, m_block, m_colOffset, m_rowOffset, planOffset, 0,
                                          0);
     }
 
     std::shared_ptr<PlanCacheRead<View, Alloc>> m_cache;
-    std::vector<const Plan*> m_plans;
+    std::vector<const Plan*> m_plans;    // by slot
+    std::vector<const Plan*> m_ordered;  // by position in the band
     Block3d m_block;
     unsigned long m_nbPlans = 0, m_first = 0, m_rowLength = 0, m_nbRows = 0;
     long m_colOffset = 0, m_rowOffset = 0, m_planOffset = 0;
