@@ -153,7 +153,7 @@ std::unique_ptr<MemoryImage> readNpy(const std::string& path, int* axes) {
     return image;
 }
 
-void writeFileAtomically(const std::string& path, const std::string& header, const void* data, std::size_t bytes) {
+TemporaryFile createBeside(const std::string& path) {
     std::string dir = ".", base = path;
     if (auto slash = path.rfind('/'); slash != std::string::npos) {
         dir = slash == 0 ? "/" : path.substr(0, slash);
@@ -164,6 +164,14 @@ void writeFileAtomically(const std::string& path, const std::string& header, con
     name.push_back('\0');
     int fd = mkstemp(name.data());
     if (fd < 0) throw std::runtime_error(path + ": cannot create a file in " + dir + ": " + std::strerror(errno));
+    return {fd, std::string(name.data())};
+}
+
+void writeFileAtomically(const std::string& path, const std::string& header, const void* data, std::size_t bytes) {
+    const TemporaryFile file = createBeside(path);
+    const int fd = file.fd;
+    std::vector<char> name(file.name.begin(), file.name.end());
+    name.push_back('\0');
     auto writeAll = [&](const void* p, std::size_t n) {
         const char* c = static_cast<const char*>(p);
         while (n) {

@@ -30,6 +30,13 @@ std::unique_ptr<MemoryImage> readNpy(const std::string& path, int* axes = nullpt
 // Writes under a temporary name beside `path`, then renames: the file is whole or absent.
 void writeNpy(const std::string& path, const ImageModel& image, int axes);
 
+// A new file named ".NAME.partial-XXXXXX" in the directory of `path`, for writing aside.
+struct TemporaryFile {
+    int fd;
+    std::string name;
+};
+TemporaryFile createBeside(const std::string& path);
+
 // Writes `bytes` to `path` atomically (temporary file beside it, fsync, rename).
 void writeFileAtomically(const std::string& path, const std::string& header, const void* data, std::size_t bytes);
 

@@ -131,16 +131,10 @@ void writeTiff(const std::string& path, const ImageModel& image) {
     case Float: case Double: format = SAMPLEFORMAT_IEEEFP; break;
     default: break;
     }
-    std::string dir = ".", base = path;
-    if (auto slash = path.rfind('/'); slash != std::string::npos) {
-        dir = slash == 0 ? "/" : path.substr(0, slash);
-        base = path.substr(slash + 1);
-    }
-    std::string tmp = dir + "/." + base + ".partial-XXXXXX";
-    std::vector<char> name(tmp.begin(), tmp.end());
+    const TemporaryFile file = createBeside(path);
+    const int fd = file.fd;
+    std::vector<char> name(file.name.begin(), file.name.end());
     name.push_back('\0');
-    int fd = mkstemp(name.data());
-    if (fd < 0) throw std::runtime_error(path + ": cannot create a file in " + dir + ": " + std::strerror(errno));
     const bool big = image.getSizeInBytes() > (std::uint64_t(1) << 31);
     TIFF* tif = TIFFFdOpen(fd, name.data(), big ? "w8" : "w");
     bool ok = tif != nullptr;
