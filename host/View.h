@@ -67,6 +67,13 @@ public:
         return m_access.template pointer<T>(col, row, plan, seq, spec, count);
     }
 
+    // Where to compute a row in place in a writable image held in memory (null otherwise): for
+    // passes whose output rows need no deferral.
+    T* directRowWrite(long col, long row, long plan, long seq, long spec, unsigned long count) {
+        if (!m_writable) return nullptr;
+        return const_cast<T*>(m_access.template pointer<T>(col, row, plan, seq, spec, count));
+    }
+
     // Writes `count` voxels at once; false when any of them lies outside the image or the image refused.
     bool writeRowAt(unsigned long count, const T* src, long col, long row, long plan, long seq, long spec) {
         if (!m_writable) return false;

@@ -51,10 +51,23 @@ public:
 
         const bool inPlace = ctx.isInPlace();
         const access::OverlapBorder overlap(1, 1, 1, 1, 1, 1);
+        // Planes are computed straight into an output held in memory when nothing is deferred; the
+        // overlapping last vector then keeps every store inside the row.
+        auto& outView = *ctx.getOutputView();
+        auto directRow = [&](long z, long y) {
+            return outView.directRowWrite(block.colsBegin(), block.rowsBegin() + y, block.plansBegin() + z,
+                                          block.sequenceBegin(), block.spectralSeriesBegin(),
+                                          static_cast<unsigned long>(n));
+        };
+        const bool direct = !inPlace && n >= L && m > 0 && directRow(0, 0) != nullptr;
+        const long full = n >= L ? n / L * L : L;
+        const long t = n - L;
+        const bool tail = n > L && n % L != 0;
         for (long z = 0; z < p; ++z) {
             plans[2] = &inCache->fetchPlanInBlock(freeSlot, w, h, block, -1, -1, z + 1, 0, 0);
-            const auto& out = outCache->getPlanInBlock(0, static_cast<unsigned long>(n), static_cast<unsigned long>(m),
-                                                       block, 0, 0, z, 0, 0);
+            const auto* out = direct ? nullptr
+                                     : &outCache->getPlanInBlock(0, static_cast<unsigned long>(n),
+                                                                 static_cast<unsigned long>(m), block, 0, 0, z, 0, 0);
             for (long x = 0; x < n; x += L) {
                 Ops::store(a + x, reduce(plans, 0, x));
                 Ops::store(b + x, reduce(plans, 1, x));
@@ -62,18 +75,27 @@ public:
             if (ctx.isGroupCancelled()) return;
             for (long y = 0; y < m; ++y) {
                 std::swap(a, b);
-                T* o = out.row(static_cast<unsigned long>(y)).data();
-                for (long x = 0; x < n; x += L) {
-                    const auto r = reduce(plans, static_cast<unsigned long>(y + 2), x);
+                T* o = direct ? directRow(z, y) : out->row(static_cast<unsigned long>(y)).data();
+                const unsigned long k = static_cast<unsigned long>(y + 2);
+                // The overlapping last vector first: it must read B before the main loop replaces it.
+                typename Ops::V rt{};
+                if (tail) {
+                    rt = reduce(plans, k, t);
+                    const auto acc = Functor::template step<T>(Ops::load(b + t), Ops::load(a + t));
+                    Ops::store(o + t, Functor::template step<T>(acc, rt));
+                }
+                for (long x = 0; x < full; x += L) {
+                    const auto r = reduce(plans, k, x);
                     const auto acc = Functor::template step<T>(Ops::load(b + x), Ops::load(a + x));
                     Ops::store(o + x, Functor::template step<T>(acc, r));
                     Ops::store(b + x, r);
                 }
+                if (tail) Ops::store(b + t, rt);
             }
             if (ctx.isGroupCancelled()) return;
-            for (long y = 0; y < m; ++y) {
-                if (inPlace) out.row(static_cast<unsigned long>(y)).writeRow(block, overlap);
-                else out.row(static_cast<unsigned long>(y)).writeRow(block);
+            for (long y = 0; y < m && !direct; ++y) {
+                if (inPlace) out->row(static_cast<unsigned long>(y)).writeRow(block, overlap);
+                else out->row(static_cast<unsigned long>(y)).writeRow(block);
             }
             // Plan z becomes plan z-1, plan z+1 becomes plan z; the old plan z-1's slot is free.
             const unsigned long oldest = slotOf[0];

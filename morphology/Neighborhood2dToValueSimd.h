@@ -27,19 +27,22 @@ public:
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 0, 0, 0)) : access::OverlapBorder();
-        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, overlap);
+        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, overlap, !ctx.isInPlace());
         out.init(block);
         const long cols = long(block.getNbCols());
         for (long y = 0; y < long(block.getNbRows()); ++y) {
             const T *up = in.ptr(0), *left = in.ptr(1), *centre = in.ptr(2), *right = in.ptr(3), *down = in.ptr(4);
             T* o = out.rowData();
-            for (long x = 0; x < cols; x += long(N)) {
+            const long last = SimdVec::lastVectorStart(cols, long(N));
+            for (long x = 0;; x += long(N)) {
+                if (x > last) x = last;
                 auto acc = Ops::load(up + x);
                 acc = Functor::template step<T>(acc, Ops::load(left + x));
                 acc = Functor::template step<T>(acc, Ops::load(centre + x));
                 acc = Functor::template step<T>(acc, Ops::load(right + x));
                 acc = Functor::template step<T>(acc, Ops::load(down + x));
                 Ops::store(o + x, acc);
+                if (x == last) break;
             }
             out.nextRow();
             if (y + 1 < long(block.getNbRows())) in.nextRow();
@@ -62,16 +65,19 @@ public:
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(in.getBorderInfluence()) : access::OverlapBorder();
-        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, overlap);
+        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, overlap, !ctx.isInPlace());
         out.init(block);
         const long cols = long(block.getNbCols());
         const std::size_t n = in.size();
         for (long y = 0; y < long(block.getNbRows()); ++y) {
             T* o = out.rowData();
-            for (long x = 0; x < cols; x += long(N)) {
+            const long last = SimdVec::lastVectorStart(cols, long(N));
+            for (long x = 0;; x += long(N)) {
+                if (x > last) x = last;
                 auto acc = Ops::load(in.ptr(0) + x);
                 for (std::size_t k = 1; k < n; ++k) acc = Functor::template step<T>(acc, Ops::load(in.ptr(k) + x));
                 Ops::store(o + x, acc);
+                if (x == last) break;
             }
             out.nextRow();
             if (y + 1 < long(block.getNbRows())) in.nextRow();

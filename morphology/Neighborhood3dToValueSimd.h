@@ -16,7 +16,8 @@ namespace details {
 template <class Kernel, class Iterator, class Context>
 void walkBlock3d(const access::Block3d& block, Context& ctx, Iterator& in, const access::OverlapBorder& overlap) {
     using T = typename Context::OutType;
-    access::IteratorPixelOutput<typename Context::OutView, SimdVec::Ops<T>::N> out(ctx.getOutputView(), false, overlap);
+    access::IteratorPixelOutput<typename Context::OutView, SimdVec::Ops<T>::N> out(ctx.getOutputView(), false, overlap,
+                                                                                   !ctx.isInPlace());
     out.init(block);
     const long cols = long(block.getNbCols()), rows = long(block.getNbRows()), plans = long(block.getNbPlans());
     if (rows == 0 || cols == 0) return;
@@ -52,7 +53,9 @@ public:
     static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
         using Ops = SimdVec::Ops<T>;
         const T *back = in.ptr(0), *up = in.ptr(1), *mid = in.ptr(2), *down = in.ptr(5), *front = in.ptr(6);
-        for (long x = 0; x < cols; x += long(Ops::N)) {
+        const long last = SimdVec::lastVectorStart(cols, long(Ops::N));
+        for (long x = 0;; x += long(Ops::N)) {
+            if (x > last) x = last;
             auto acc = Ops::load(back + x);
             acc = Functor::template step<T>(acc, Ops::load(up + x));
             acc = Functor::template step<T>(acc, Ops::load(mid + x));
@@ -60,6 +63,7 @@ public:
             acc = Functor::template step<T>(acc, Ops::load(mid + x + 2));
             acc = Functor::template step<T>(acc, Ops::load(down + x));
             Ops::store(o + x, Functor::template step<T>(acc, Ops::load(front + x)));
+            if (x == last) break;
         }
     }
 };
@@ -86,7 +90,9 @@ public:
         const T *am = in.ptr(0) - 1, *ac = in.ptr(1), *ap = in.ptr(4) - 1;
         const T *bm = in.ptr(5), *bc = in.ptr(8), *bp = in.ptr(11);
         const T *cm = in.ptr(14) - 1, *cc = in.ptr(15), *cp = in.ptr(18) - 1;
-        for (long x = 0; x < cols; x += long(Ops::N)) {
+        const long last = SimdVec::lastVectorStart(cols, long(Ops::N));
+        for (long x = 0;; x += long(Ops::N)) {
+            if (x > last) x = last;
             auto acc = Ops::load(am + x + 1);
             acc = Functor::template step<T>(acc, Ops::load(ac + x));
             acc = Functor::template step<T>(acc, Ops::load(ac + x + 1));
@@ -106,6 +112,7 @@ public:
             acc = Functor::template step<T>(acc, Ops::load(cc + x + 1));
             acc = Functor::template step<T>(acc, Ops::load(cc + x + 2));
             Ops::store(o + x, Functor::template step<T>(acc, Ops::load(cp + x + 1)));
+            if (x == last) break;
         }
     }
 };
@@ -129,10 +136,13 @@ public:
     static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
         using Ops = SimdVec::Ops<T>;
         const std::size_t n = in.size();
-        for (long x = 0; x < cols; x += long(Ops::N)) {
+        const long last = SimdVec::lastVectorStart(cols, long(Ops::N));
+        for (long x = 0;; x += long(Ops::N)) {
+            if (x > last) x = last;
             auto acc = Ops::load(in.ptr(0) + x);
             for (std::size_t k = 1; k < n; ++k) acc = Functor::template step<T>(acc, Ops::load(in.ptr(k) + x));
             Ops::store(o + x, acc);
+            if (x == last) break;
         }
     }
 

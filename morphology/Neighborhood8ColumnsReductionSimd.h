@@ -50,18 +50,42 @@ public:
 
         const bool inPlace = ctx.isInPlace();
         const access::OverlapBorder overlap(1, 1, 1, 1, 0, 0);
+        // Rows are computed straight into an output held in memory when nothing is deferred; the
+        // overlapping last vector then keeps every store inside the row.
+        auto& outView = *ctx.getOutputView();
+        const bool direct = !inPlace && n >= L;
+        const long full = n >= L ? n / L * L : L;
+        const long t = n - L;
+        const bool tail = n > L && n % L != 0;
         for (long y = 0; y < m; ++y) {
-            auto& row = outCache->getRowInBlock(0, static_cast<unsigned long>(n), block, 0, y, 0, 0, 0);
-            T* out = row.data();
+            T* out = direct ? outView.directRowWrite(block.colsBegin(), block.rowsBegin() + y, block.plansBegin(),
+                                                     block.sequenceBegin(), block.spectralSeriesBegin(),
+                                                     static_cast<unsigned long>(n))
+                            : nullptr;
+            typename std::decay_t<decltype(*outCache)>::Row* row = nullptr;
+            if (!out) {
+                row = &outCache->getRowInBlock(0, static_cast<unsigned long>(n), block, 0, y, 0, 0, 0);
+                out = row->data();
+            }
             in = inCache->fetchRowInBlock(0, w, block, -1, y + 1, 0, 0, 0).data();
-            for (long x = 0; x < n; x += L) {
+            // The overlapping last vector first: it must read A before the main loop replaces it.
+            typename Ops::V th{};
+            if (tail) {
+                th = horizontal(in, t);
+                const auto acc = Functor::template step<T>(Ops::load(a + t), Ops::load(b + t));
+                Ops::store(out + t, Functor::template step<T>(acc, th));
+            }
+            for (long x = 0; x < full; x += L) {
                 const auto h = horizontal(in, x);
                 auto acc = Functor::template step<T>(Ops::load(a + x), Ops::load(b + x));
                 Ops::store(out + x, Functor::template step<T>(acc, h));
                 Ops::store(a + x, h);
             }
-            if (inPlace) row.writeRow(block, overlap);
-            else row.writeRow(block);
+            if (tail) Ops::store(a + t, th);
+            if (row) {
+                if (inPlace) row->writeRow(block, overlap);
+                else row->writeRow(block);
+            }
             std::swap(a, b);
         }
     }

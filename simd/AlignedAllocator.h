@@ -57,5 +57,11 @@ constexpr unsigned long lanes() {
     return 32 / sizeof(T);
 }
 
+// Start of the last vector of a row of `cols` voxels: rows are walked at 0, N, 2N, ... and end with
+// a vector at cols - N that overlaps the one before it, so nothing is written past the row (min and
+// max are idempotent: a voxel computed twice gets the same value). A row narrower than one vector
+// is one padded vector at 0.
+constexpr long lastVectorStart(long cols, long n) { return cols > n ? cols - n : 0; }
+
 } // namespace SimdVec
 } // namespace lyn

@@ -49,8 +49,12 @@ public:
     using T = typename View::value_type;
     using Alloc = typename View::allocator_type;
 
-    IteratorPixelOutput(std::shared_ptr<View> view, bool fetch, const OverlapBorder& overlap)
-        : m_view(std::move(view)), m_fetch(fetch), m_overlap(overlap), m_cache(m_view->createRowCacheReadWrite(1)) {}
+    // With `direct`, rows lying wholly inside an image held in memory are computed in place and
+    // need no writing; only for passes that defer nothing (not in place) and never write past a
+    // row's end.
+    IteratorPixelOutput(std::shared_ptr<View> view, bool fetch, const OverlapBorder& overlap, bool direct = false)
+        : m_view(std::move(view)), m_fetch(fetch), m_direct(direct && !fetch), m_overlap(overlap),
+          m_cache(m_view->createRowCacheReadWrite(1)) {}
 
     void init(const Block2d& block) {
         m_s.block2d = block;
@@ -65,10 +69,10 @@ public:
         load();
     }
 
-    T* rowData() { return m_row->data(); }
+    T* rowData() { return m_inPlace ? m_inPlace : m_row->data(); }
     // Writes the current row and moves to the next one (the next plan after a plan's last row).
     void nextRow() {
-        m_row->writeRow(*m_block, m_overlap);
+        if (!m_inPlace) m_row->writeRow(*m_block, m_overlap);
         if (++m_s.row > m_s.lastRow) {
             m_s.row = 0;
             if (++m_s.plan > m_s.lastPlan) {
@@ -87,17 +91,24 @@ private:
             return;
         }
         const unsigned long cols = m_block->getNbCols();
+        m_inPlace = m_direct && cols >= N ? m_view->directRowWrite(m_block->colsBegin(), m_block->rowsBegin() + m_s.row,
+                                                      m_block->plansBegin() + m_s.plan, m_block->sequenceBegin(),
+                                                      m_block->spectralSeriesBegin(), cols)
+                             : nullptr;
+        if (m_inPlace) return;
         m_row = m_fetch ? &m_cache->fetchRowInBlock(0, cols, *m_block, 0, m_s.row, m_s.plan, 0, 0)
                         : &m_cache->getRowInBlock(0, cols, *m_block, 0, m_s.row, m_s.plan, 0, 0);
     }
 
     std::shared_ptr<View> m_view;
     bool m_fetch;
+    bool m_direct;
     OverlapBorder m_overlap;
     std::shared_ptr<RowCacheReadWrite<View, Alloc>> m_cache;
     details::IteratorState m_s;
     const Block* m_block = nullptr;
     OuputRow<View, Alloc>* m_row = nullptr;
+    T* m_inPlace = nullptr;
 };
 
 // Centre and its four edge neighbours, over a band of three cached rows.
