@@ -340,11 +340,12 @@ TEST(OutputRowTest, CoreRulesDecideWhatIsWrittenAtOnce) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// A counting kernel for the quantification driver: sums voxels and can cancel its filter.
+// A counting kernel for the quantification driver: sums voxels (a reduction that is not
+// idempotent, so a block counted twice shows) and can cancel its filter.
 struct CountingKernel {
+    static std::atomic<int>* cancelAfter;
     std::uint64_t voxels = 0;
     std::uint64_t blocks = 0;
-    std::atomic<int>* cancelAfter = nullptr;
     template <class Filter>
     void run(const access::Block3d& block, Filter& filter) {
         voxels += block.getNumOfVoxels();
@@ -356,6 +357,8 @@ struct CountingKernel {
         blocks += rhs.blocks;
     }
 };
+
+std::atomic<int>* CountingKernel::cancelAfter = nullptr;
 
 TEST(QuantificationFilterTest, ProgressCancellationAndJoins) {
     using Filter = ImageToQuantificationFilter3d<int, SimdVec::arch_256_tag, CountingKernel>;
@@ -380,11 +383,11 @@ TEST(QuantificationFilterTest, ProgressCancellationAndJoins) {
     {
         owner.setGrainSizes({1, 1, 1000});
         std::atomic<int> countdown{5};
-        CountingKernel k;
-        k.cancelAfter = &countdown;
-        Filter filter(&owner, k);
+        CountingKernel::cancelAfter = &countdown;
+        Filter filter(&owner);
         filter.setProcessingRegion(access::Region(0, 16, 0, 9, 0, 6, 0, 2, 0, 1));
         EXPECT_THROW(filter.run(), ExceptionCancelation);
+        CountingKernel::cancelAfter = nullptr;
         EXPECT_LT(filter.getProgress(), image.getNumOfVoxels());
         EXPECT_EQ(filter.getProgress() % 9, 0u);  // whole blocks of one row each
     }

@@ -22,10 +22,10 @@ template <class Kernel, class Filter>
 class TbbBody3DManyToManyImageFilterWithReduction {
 public:
     explicit TbbBody3DManyToManyImageFilterWithReduction(Filter& filter) : m_filter(filter), m_kernel(filter.getKernel()) {}
-    // A split body continues from the partial result it was split from: folding a value twice
-    // changes neither a minimum nor a maximum, and a full-range result stays full-range.
+    // A split body starts from a fresh accumulator; its result is joined into the body it was
+    // split from, so any associative reduction works, not only idempotent ones.
     TbbBody3DManyToManyImageFilterWithReduction(TbbBody3DManyToManyImageFilterWithReduction& other, tbb::split)
-        : m_filter(other.m_filter), m_kernel(other.m_kernel) {}
+        : m_filter(other.m_filter), m_kernel() {}
 
     void operator()(const access::Block3d& block) {
         m_kernel.run(block, m_filter);
