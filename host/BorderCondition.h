@@ -23,41 +23,41 @@ public:
 
     const ImageModel* image() const { return m_image; }
     long extent(int axis) const { return m_extents[axis]; }
-    bool insideOuter(long row, long plan, long seq, long spec) const {
+    bool insideOuter(long row, long plan, long seq, long spectral) const {
         return row >= 0 && row < m_extents[1] && plan >= 0 && plan < m_extents[2] && seq >= 0 &&
-               seq < m_extents[3] && spec >= 0 && spec < m_extents[4];
+               seq < m_extents[3] && spectral >= 0 && spectral < m_extents[4];
     }
 
     // `count` voxels of one row, all inside the image.
-    void read(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const {
+    void read(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const {
         if (m_direct) {
-            std::memcpy(dst, address(col, row, plan, seq, spec), count * m_elementSize);
+            std::memcpy(dst, address(col, row, plan, seq, spectral), count * m_elementSize);
         } else {
-            m_image->readRaw(dst, count, col, row, plan, seq, spec);
+            m_image->readRaw(dst, count, col, row, plan, seq, spectral);
         }
     }
-    bool write(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spec) const {
+    bool write(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const {
         // Writable views are only built from non-const images (View::New).
         auto* image = const_cast<ImageModel*>(m_image);
-        if (m_direct && col >= 0 && insideOuter(row, plan, seq, spec) &&
+        if (m_direct && col >= 0 && insideOuter(row, plan, seq, spectral) &&
             col + static_cast<long>(count) <= m_extents[0]) {
-            std::memmove(address(col, row, plan, seq, spec), src, count * m_elementSize);
+            std::memmove(address(col, row, plan, seq, spectral), src, count * m_elementSize);
             return true;
         }
-        return image->writeRaw(src, count, col, row, plan, seq, spec);
+        return image->writeRaw(src, count, col, row, plan, seq, spectral);
     }
 
     // Address of `count` voxels of one row when they are all inside the image and in memory.
     template <class T>
-    const T* pointer(long col, long row, long plan, long seq, long spec, unsigned long count) const {
-        if (!m_direct || col < 0 || col + long(count) > m_extents[0] || !insideOuter(row, plan, seq, spec)) return nullptr;
-        return reinterpret_cast<const T*>(address(col, row, plan, seq, spec));
+    const T* pointer(long col, long row, long plan, long seq, long spectral, unsigned long count) const {
+        if (!m_direct || col < 0 || col + long(count) > m_extents[0] || !insideOuter(row, plan, seq, spectral)) return nullptr;
+        return reinterpret_cast<const T*>(address(col, row, plan, seq, spectral));
     }
 
 private:
-    char* address(long col, long row, long plan, long seq, long spec) const {
+    char* address(long col, long row, long plan, long seq, long spectral) const {
         return m_layout.base + col * m_layout.strides[0] + row * m_layout.strides[1] + plan * m_layout.strides[2] +
-               seq * m_layout.strides[3] + spec * m_layout.strides[4];
+               seq * m_layout.strides[3] + spectral * m_layout.strides[4];
     }
 
     const ImageModel* m_image;
@@ -71,10 +71,10 @@ template <class T>
 class BorderCondition {
 public:
     virtual ~BorderCondition() = default;
-    // Fills [begin, end) with the row that starts at (col, row, plan, seq, spec); any coordinate may
+    // Fills [begin, end) with the row that starts at (col, row, plan, seq, spectral); any coordinate may
     // lie outside the image, and the voxels there follow this condition's rule.
     virtual void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
-                         long spec) const = 0;
+                         long spectral) const = 0;
     // A short human-readable description ("fixed 0", "continue").
     virtual std::string describe() const = 0;
 };
@@ -89,10 +89,10 @@ public:
     T getValue() const { return m_value; }
 
     void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
-                 long spec) const override {
+                 long spectral) const override {
         const long n = end - begin;
         if (n <= 0) return;
-        if (!access.insideOuter(row, plan, seq, spec)) {
+        if (!access.insideOuter(row, plan, seq, spectral)) {
             std::fill(begin, end, m_value);
             return;
         }
@@ -103,7 +103,7 @@ public:
             return;
         }
         std::fill(begin, begin + (first - col), m_value);
-        access.read(begin + (first - col), static_cast<std::uint64_t>(last - first), first, row, plan, seq, spec);
+        access.read(begin + (first - col), static_cast<std::uint64_t>(last - first), first, row, plan, seq, spectral);
         std::fill(begin + (last - col), end, m_value);
     }
     std::string describe() const override { return "fixed"; }
@@ -119,7 +119,7 @@ public:
     static std::shared_ptr<ContinueBorderCondition> New() { return std::make_shared<ContinueBorderCondition>(); }
 
     void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
-                 long spec) const override {
+                 long spectral) const override {
         const long n = end - begin;
         if (n <= 0) return;
         for (int a = 0; a < 5; ++a)
@@ -130,18 +130,18 @@ public:
         row = clamp(row, 1, access);
         plan = clamp(plan, 2, access);
         seq = clamp(seq, 3, access);
-        spec = clamp(spec, 4, access);
+        spectral = clamp(spectral, 4, access);
         const long nc = access.extent(0);
         const long first = std::max(col, 0L);
         const long last = std::min(col + n, nc);
         if (last <= first) {
             T edge;
-            access.read(&edge, 1, col < 0 ? 0 : nc - 1, row, plan, seq, spec);
+            access.read(&edge, 1, col < 0 ? 0 : nc - 1, row, plan, seq, spectral);
             std::fill(begin, end, edge);
             return;
         }
         T* mid = begin + (first - col);
-        access.read(mid, static_cast<std::uint64_t>(last - first), first, row, plan, seq, spec);
+        access.read(mid, static_cast<std::uint64_t>(last - first), first, row, plan, seq, spectral);
         std::fill(begin, mid, *mid);
         T* tail = begin + (last - col);
         std::fill(tail, end, *(tail - 1));

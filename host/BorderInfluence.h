@@ -17,8 +17,8 @@ class AlgoBorderInfluence {
 public:
     // The same margin on both sides of each axis.
     AlgoBorderInfluence(std::uint64_t cols, std::uint64_t rows, std::uint64_t plans, std::uint64_t seq,
-                        std::uint64_t spec)
-        : m_margins{cols, cols, rows, rows, plans, plans, seq, seq, spec, spec} {}
+                        std::uint64_t spectral)
+        : m_margins{cols, cols, rows, rows, plans, plans, seq, seq, spectral, spectral} {}
     AlgoBorderInfluence(std::uint64_t colsLower, std::uint64_t colsUpper, std::uint64_t rowsLower,
                         std::uint64_t rowsUpper, std::uint64_t plansLower, std::uint64_t plansUpper,
                         std::uint64_t seqLower, std::uint64_t seqUpper, std::uint64_t specLower,

@@ -116,29 +116,29 @@ void MemoryImage::enforceSameCharacteristics(const ImageModel* reference, const 
     allocate(type, ext);
 }
 
-std::uint64_t MemoryImage::index(long col, long row, long plan, long seq, long spec) const {
+std::uint64_t MemoryImage::index(long col, long row, long plan, long seq, long spectral) const {
     return static_cast<std::uint64_t>(col) +
            m_extents[0] * (static_cast<std::uint64_t>(row) +
                            m_extents[1] * (static_cast<std::uint64_t>(plan) +
                                            m_extents[2] * (static_cast<std::uint64_t>(seq) +
-                                                           m_extents[3] * static_cast<std::uint64_t>(spec))));
+                                                           m_extents[3] * static_cast<std::uint64_t>(spectral))));
 }
 
-char* MemoryImage::address(long col, long row, long plan, long seq, long spec) const {
-    return static_cast<char*>(m_data) + index(col, row, plan, seq, spec) * helper::getSizeOf(m_type);
+char* MemoryImage::address(long col, long row, long plan, long seq, long spectral) const {
+    return static_cast<char*>(m_data) + index(col, row, plan, seq, spectral) * helper::getSizeOf(m_type);
 }
 
-void MemoryImage::readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const {
-    std::memcpy(dst, address(col, row, plan, seq, spec), count * helper::getSizeOf(m_type));
+void MemoryImage::readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const {
+    std::memcpy(dst, address(col, row, plan, seq, spectral), count * helper::getSizeOf(m_type));
 }
 
 bool MemoryImage::writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq,
-                           long spec) {
-    if (col < 0 || row < 0 || plan < 0 || seq < 0 || spec < 0 || static_cast<std::uint64_t>(col) + count > m_extents[0] ||
+                           long spectral) {
+    if (col < 0 || row < 0 || plan < 0 || seq < 0 || spectral < 0 || static_cast<std::uint64_t>(col) + count > m_extents[0] ||
         static_cast<std::uint64_t>(row) >= m_extents[1] || static_cast<std::uint64_t>(plan) >= m_extents[2] ||
-        static_cast<std::uint64_t>(seq) >= m_extents[3] || static_cast<std::uint64_t>(spec) >= m_extents[4])
+        static_cast<std::uint64_t>(seq) >= m_extents[3] || static_cast<std::uint64_t>(spectral) >= m_extents[4])
         return false;
-    std::memmove(address(col, row, plan, seq, spec), src, count * helper::getSizeOf(m_type));
+    std::memmove(address(col, row, plan, seq, spectral), src, count * helper::getSizeOf(m_type));
     return true;
 }
 
@@ -175,10 +175,10 @@ void ImageModelSizeProxy::enforceSameCharacteristics(const ImageModel* reference
 }
 
 void ImageModelSizeProxy::readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq,
-                                  long spec) const {
+                                  long spectral) const {
     m_source->readRaw(dst, count, col + static_cast<long>(m_origin[0]), row + static_cast<long>(m_origin[1]),
                       plan + static_cast<long>(m_origin[2]), seq + static_cast<long>(m_origin[3]),
-                      spec + static_cast<long>(m_origin[4]));
+                      spectral + static_cast<long>(m_origin[4]));
 }
 
 bool ImageModelSizeProxy::writeRaw(const void*, std::uint64_t, long, long, long, long, long) {

@@ -33,10 +33,10 @@ public:
     virtual void enforceSameCharacteristics(const ImageModel* reference, const int& flags) = 0;
 
     // Copies `count` voxels of one row, all inside the image, to `dst` (no border handling here).
-    virtual void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const = 0;
+    virtual void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const = 0;
     // Writes `count` voxels of one row, all inside the image; false when the image refused the write.
     virtual bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq,
-                          long spec) = 0;
+                          long spectral) = 0;
     // Fills `layout` and returns true when the voxels are directly addressable in memory.
     virtual bool getMemoryLayout(MemoryLayout& layout) const;
 
@@ -73,8 +73,8 @@ public:
     VoxelTypes getVoxelType() const override { return m_type; }
     int getStorageType() const override { return 0; }
     void enforceSameCharacteristics(const ImageModel* reference, const int& flags) override;
-    void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const override;
-    bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spec) override;
+    void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const override;
+    bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
     bool getMemoryLayout(MemoryLayout& layout) const override;
 
     void* data() { return m_data; }
@@ -82,11 +82,11 @@ public:
     template <class T> T* dataAs() { return static_cast<T*>(m_data); }
     template <class T> const T* dataAs() const { return static_cast<const T*>(m_data); }
     // Linear index of a voxel, in elements.
-    std::uint64_t index(long col, long row, long plan = 0, long seq = 0, long spec = 0) const;
+    std::uint64_t index(long col, long row, long plan = 0, long seq = 0, long spectral = 0) const;
 
 private:
     void release();
-    char* address(long col, long row, long plan, long seq, long spec) const;
+    char* address(long col, long row, long plan, long seq, long spectral) const;
 
     VoxelTypes m_type = UInt8;
     Extents m_extents{0, 0, 0, 0, 0};
@@ -105,8 +105,8 @@ public:
     VoxelTypes getVoxelType() const override { return m_source->getVoxelType(); }
     int getStorageType() const override { return m_source->getStorageType(); }
     void enforceSameCharacteristics(const ImageModel* reference, const int& flags) override;
-    void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spec) const override;
-    bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spec) override;
+    void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const override;
+    bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
     bool getMemoryLayout(MemoryLayout& layout) const override;
 
 private:

@@ -56,28 +56,28 @@ public:
     long getNbSequence() const { return m_access.extent(3); }
     long getNbSpectral() const { return m_access.extent(4); }
 
-    // Fills [begin, end) from (col, row, plan, seq, spec), the border condition supplying outside voxels.
-    void readRow(T* begin, T* end, long col, long row, long plan, long seq, long spec) const {
-        m_border->readRow(m_access, begin, end, col, row, plan, seq, spec);
+    // Fills [begin, end) from (col, row, plan, seq, spectral), the border condition supplying outside voxels.
+    void readRow(T* begin, T* end, long col, long row, long plan, long seq, long spectral) const {
+        m_border->readRow(m_access, begin, end, col, row, plan, seq, spectral);
     }
 
     // The voxels [col, col + count) of a row lying wholly inside an image held in memory, read in
     // place; null when they must be copied through readRow.
-    const T* directRow(long col, long row, long plan, long seq, long spec, unsigned long count) const {
-        return m_access.template pointer<T>(col, row, plan, seq, spec, count);
+    const T* directRow(long col, long row, long plan, long seq, long spectral, unsigned long count) const {
+        return m_access.template pointer<T>(col, row, plan, seq, spectral, count);
     }
 
     // Where to compute a row in place in a writable image held in memory (null otherwise): for
     // passes whose output rows need no deferral.
-    T* directRowWrite(long col, long row, long plan, long seq, long spec, unsigned long count) {
+    T* directRowWrite(long col, long row, long plan, long seq, long spectral, unsigned long count) {
         if (!m_writable) return nullptr;
-        return const_cast<T*>(m_access.template pointer<T>(col, row, plan, seq, spec, count));
+        return const_cast<T*>(m_access.template pointer<T>(col, row, plan, seq, spectral, count));
     }
 
     // Writes `count` voxels at once; false when any of them lies outside the image or the image refused.
-    bool writeRowAt(unsigned long count, const T* src, long col, long row, long plan, long seq, long spec) {
+    bool writeRowAt(unsigned long count, const T* src, long col, long row, long plan, long seq, long spectral) {
         if (!m_writable) return false;
-        return m_access.write(src, count, col, row, plan, seq, spec);
+        return m_access.write(src, count, col, row, plan, seq, spectral);
     }
 
     // Keeps a whole row, or `count` of its voxels from element `offset`, to be written by
@@ -114,7 +114,7 @@ private:
     struct Piece {
         std::size_t offset;
         std::size_t count;
-        long col, row, plan, seq, spec;
+        long col, row, plan, seq, spectral;
     };
     struct Store {
         std::vector<T> data;
@@ -134,12 +134,12 @@ private:
         return image;
     }
     void writeClipped(const T* src, const Piece& p) {
-        if (!m_access.insideOuter(p.row, p.plan, p.seq, p.spec)) return;
+        if (!m_access.insideOuter(p.row, p.plan, p.seq, p.spectral)) return;
         long first = std::max(p.col, 0L);
         long last = std::min(p.col + static_cast<long>(p.count), m_access.extent(0));
         if (last <= first) return;
         m_access.write(src + (first - p.col), static_cast<std::uint64_t>(last - first), first, p.row, p.plan, p.seq,
-                       p.spec);
+                       p.spectral);
     }
 
     const ImageModel* m_image;

@@ -13,10 +13,10 @@ namespace access {
 namespace details {
 // Absolute position of a block-relative offset.
 struct Position {
-    long col, row, plan, seq, spec;
+    long col, row, plan, seq, spectral;
     Position(const Block& b, long c, long r, long p, long s, long l)
         : col(b.colsBegin() + c), row(b.rowsBegin() + r), plan(b.plansBegin() + p), seq(b.sequenceBegin() + s),
-          spec(b.spectralSeriesBegin() + l) {}
+          spectral(b.spectralSeriesBegin() + l) {}
 };
 
 template <class RowT>
@@ -39,7 +39,7 @@ public:
         Row& row = details::slotAt(m_slots, slot);
         row.buffer().resize(length);
         const details::Position p(block, colOffset, rowOffset, planOffset, seqOffset, spectralOffset);
-        m_view->readRow(row.data(), row.data() + length, p.col, p.row, p.plan, p.seq, p.spec);
+        m_view->readRow(row.data(), row.data() + length, p.col, p.row, p.plan, p.seq, p.spectral);
         return row;
     }
 
@@ -79,7 +79,7 @@ public:
         Row& row = details::slotAt(m_slots, slot);
         row.buffer().resize(length);
         const details::Position p(block, colOffset, rowOffset, planOffset, seqOffset, spectralOffset);
-        row.setPosition(p.col, p.row, p.plan, p.seq, p.spec, m_view);
+        row.setPosition(p.col, p.row, p.plan, p.seq, p.spectral, m_view);
         return row;
     }
 

@@ -42,12 +42,12 @@ class OuputRow : public BaseRow<View, Alloc> {
 public:
     using BaseRow<View, Alloc>::BaseRow;
 
-    void setPosition(long col, long row, long plan, long seq, long spec, View* view) {
+    void setPosition(long col, long row, long plan, long seq, long spectral, View* view) {
         m_col = col;
         m_row = row;
         m_plan = plan;
         m_seq = seq;
-        m_spec = spec;
+        m_spec = spectral;
         m_view = view;
     }
     long getColumn() const { return m_col; }
