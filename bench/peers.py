@@ -42,7 +42,7 @@ def main():
                 for passes in (1, 5):
                     ms = best_of(lambda: cv2.dilate(a, k, dst=out, iterations=passes,
                                                     borderType=cv2.BORDER_CONSTANT,
-                                                    borderValue=float(np.iinfo(dtype).min) if a.dtype.kind in "ui" else -np.finfo(dtype).max),
+                                                    borderValue=float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)),
                                  args.repeat)
                     rows.append((f"cv2.dilate {name} x{passes}", np.dtype(dtype).name, "4096x4096", ms))
             ms = best_of(lambda: np.copyto(out, a), args.repeat)
