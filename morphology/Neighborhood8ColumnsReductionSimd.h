@@ -28,10 +28,9 @@ public:
         using Ops = SimdVec::Ops<T>;
         constexpr long L = long(Ops::N);
         const long n = long(block.getNbCols()), m = long(block.getNbRows());
-        const unsigned long w = static_cast<unsigned long>(n + 2);
 
         auto& inCache = ctx.inputRowCache();
-        if (!inCache) ctx.createInputRowCache(1);
+        if (!inCache) ctx.createInputRowCache(3);
         auto& outCache = ctx.outputRowCache();
         if (!outCache) ctx.createOuputRowCache(1);
         auto& av = m_a->local();
@@ -43,54 +42,88 @@ public:
         T* a = av.data();
         T* b = bv.data();
 
-        const T* in = inCache->fetchRowInBlock(0, w, block, -1, -1, 0, 0, 0).data();
-        for (long x = 0; x < n; x += L) Ops::store(a + x, horizontal(in, x));
-        in = inCache->fetchRowInBlock(0, w, block, -1, 0, 0, 0, 0).data();
-        for (long x = 0; x < n; x += L) Ops::store(b + x, horizontal(in, x));
-
         const bool inPlace = ctx.isInPlace();
+        const auto& inView = *ctx.getInputView();
+        // Rows of at least N + 2 voxels are walked in three parts: the first vector and the last
+        // one (from padded edge segments) and the interior vectors, read in place when the pass
+        // does not write the image it reads. Narrower rows are one padded row.
+        const bool split = n >= L + 2;
+        auto fetch = [&](long r) {
+            return access::details::fetchSplitRow<Ops::N>(inView, *inCache, 0, block, r, !inPlace);
+        };
+        const long t = n - L;
+        auto row = fetch(-1);
+        storeH(row, a, n, split);
+        row = fetch(0);
+        storeH(row, b, n, split);
+
         const access::OverlapBorder overlap(1, 1, 1, 1, 0, 0);
-        // Rows are computed straight into an output held in memory when nothing is deferred; the
-        // overlapping last vector then keeps every store inside the row.
+        // Rows are computed straight into an output held in memory when nothing is deferred; no
+        // vector is stored past the row then.
         auto& outView = *ctx.getOutputView();
         const bool direct = !inPlace && n >= L;
         const long full = n >= L ? n / L * L : L;
-        const long t = n - L;
         const bool tail = n > L && n % L != 0;
         for (long y = 0; y < m; ++y) {
             T* out = direct ? outView.directRowWrite(block.colsBegin(), block.rowsBegin() + y, block.plansBegin(),
                                                      block.sequenceBegin(), block.spectralSeriesBegin(),
                                                      static_cast<unsigned long>(n))
                             : nullptr;
-            typename std::decay_t<decltype(*outCache)>::Row* row = nullptr;
+            typename std::decay_t<decltype(*outCache)>::Row* outRow = nullptr;
             if (!out) {
-                row = &outCache->getRowInBlock(0, static_cast<unsigned long>(n), block, 0, y, 0, 0, 0);
-                out = row->data();
+                outRow = &outCache->getRowInBlock(0, static_cast<unsigned long>(n), block, 0, y, 0, 0, 0);
+                out = outRow->data();
             }
-            in = inCache->fetchRowInBlock(0, w, block, -1, y + 1, 0, 0, 0).data();
-            // The overlapping last vector first: it must read A before the main loop replaces it.
-            typename Ops::V th{};
-            if (tail) {
-                th = horizontal(in, t);
-                const auto acc = Functor::template step<T>(Ops::load(a + t), Ops::load(b + t));
-                Ops::store(out + t, Functor::template step<T>(acc, th));
+            row = fetch(y + 1);
+            if (split) {
+                // The last vector first: it must read A before the others replace the lanes it shares.
+                const auto th = horizontal(row.right, 0);
+                step(a, b, out, t, th);
+                Ops::store(a, step(a, b, out, 0, horizontal(row.left, 0)));
+                for (long x = L; x + L + 1 <= n; x += L) Ops::store(a + x, step(a, b, out, x, horizontal(row.interior + x - 1, 0)));
+                Ops::store(a + t, th);
+            } else {
+                typename Ops::V th{};
+                if (tail) {
+                    th = horizontal(row.left, t);
+                    step(a, b, out, t, th);
+                }
+                for (long x = 0; x < full; x += L) Ops::store(a + x, step(a, b, out, x, horizontal(row.left, x)));
+                if (tail) Ops::store(a + t, th);
             }
-            for (long x = 0; x < full; x += L) {
-                const auto h = horizontal(in, x);
-                auto acc = Functor::template step<T>(Ops::load(a + x), Ops::load(b + x));
-                Ops::store(out + x, Functor::template step<T>(acc, h));
-                Ops::store(a + x, h);
-            }
-            if (tail) Ops::store(a + t, th);
-            if (row) {
-                if (inPlace) row->writeRow(block, overlap);
-                else row->writeRow(block);
+            if (outRow) {
+                if (inPlace) outRow->writeRow(block, overlap);
+                else outRow->writeRow(block);
             }
             std::swap(a, b);
         }
     }
 
 private:
+    using V = typename SimdVec::Ops<T>::V;
+
+    // out[x] = f(f(A[x], B[x]), h), upper row first; returns h for A.
+    static LYN_INLINE V step(const T* a, const T* b, T* out, long x, V h) {
+        using Ops = SimdVec::Ops<T>;
+        const auto acc = Functor::template step<T>(Ops::load(a + x), Ops::load(b + x));
+        Ops::store(out + x, Functor::template step<T>(acc, h));
+        return h;
+    }
+
+    // H of a whole row into `dst` (n voxels): three parts when split, else whole padded vectors.
+    template <class Row>
+    static LYN_INLINE void storeH(const Row& row, T* dst, long n, bool split) {
+        using Ops = SimdVec::Ops<T>;
+        constexpr long L = long(Ops::N);
+        if (!split) {
+            for (long x = 0; x < n; x += L) Ops::store(dst + x, horizontal(row.left, x));
+            return;
+        }
+        Ops::store(dst, horizontal(row.left, 0));
+        for (long x = L; x + L + 1 <= n; x += L) Ops::store(dst + x, horizontal(row.interior + x - 1, 0));
+        Ops::store(dst + n - L, horizontal(row.right, 0));
+    }
+
     // H(row) = f(f(left, centre), right), from a row fetched one column left of the block.
     static LYN_INLINE typename SimdVec::Ops<T>::V horizontal(const T* in, long x) {
         using Ops = SimdVec::Ops<T>;
