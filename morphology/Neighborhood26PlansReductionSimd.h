@@ -10,6 +10,7 @@
 
 #include "Core/private/Filters/RecursiveImageContext.h"
 #include "morphology/Functors.h"
+#include "morphology/ScratchRows.h"
 
 LYN_AVX2_BEGIN
 namespace lyn {
@@ -18,10 +19,10 @@ namespace morphology {
 template <class Functor, class T, class Arch>
 class Neighborhood26PlansReductionSimd {
 public:
-    using Scratch = tbb::enumerable_thread_specific<std::vector<T, SimdVec::AlignedAllocator<T, 32>>>;
+    using Scratch = typename details::ScratchRows<T>::Scratch;
 
     Neighborhood26PlansReductionSimd(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b)
-        : m_a(std::move(a)), m_b(std::move(b)) {}
+        : m_scratch(std::move(a), std::move(b)) {}
 
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
@@ -34,14 +35,7 @@ public:
         if (!inCache) ctx.createInputPlanCache(3);
         auto& outCache = ctx.outputPlanCache();
         if (!outCache) ctx.createOuputPlanCache(1);
-        auto& av = m_a->local();
-        auto& bv = m_b->local();
-        if (static_cast<std::size_t>(n) > av.size()) {
-            av.resize(static_cast<std::size_t>(n));
-            bv.resize(static_cast<std::size_t>(n));
-        }
-        T* a = av.data();
-        T* b = bv.data();
+        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
 
         using Plan = typename std::decay_t<decltype(*inCache)>::Plan;
         const Plan* plans[3];  // roles: plan z-1, plan z, plan z+1
@@ -125,8 +119,7 @@ private:
         return acc;
     }
 
-    std::shared_ptr<Scratch> m_a;
-    std::shared_ptr<Scratch> m_b;
+    details::ScratchRows<T> m_scratch;
 };
 
 } // namespace morphology

@@ -10,6 +10,7 @@
 
 #include "Core/private/Filters/RecursiveImageContext.h"
 #include "morphology/Functors.h"
+#include "morphology/ScratchRows.h"
 
 LYN_AVX2_BEGIN
 namespace lyn {
@@ -18,10 +19,10 @@ namespace morphology {
 template <class Functor, class T, class Arch>
 class Neighborhood8ColumnsReductionSimd {
 public:
-    using Scratch = tbb::enumerable_thread_specific<std::vector<T, SimdVec::AlignedAllocator<T, 32>>>;
+    using Scratch = typename details::ScratchRows<T>::Scratch;
 
     Neighborhood8ColumnsReductionSimd(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b)
-        : m_a(std::move(a)), m_b(std::move(b)) {}
+        : m_scratch(std::move(a), std::move(b)) {}
 
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
@@ -33,14 +34,7 @@ public:
         if (!inCache) ctx.createInputRowCache(3);
         auto& outCache = ctx.outputRowCache();
         if (!outCache) ctx.createOuputRowCache(1);
-        auto& av = m_a->local();
-        auto& bv = m_b->local();
-        if (static_cast<std::size_t>(n) > av.size()) {
-            av.resize(static_cast<std::size_t>(n));
-            bv.resize(static_cast<std::size_t>(n));
-        }
-        T* a = av.data();
-        T* b = bv.data();
+        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
 
         const bool inPlace = ctx.isInPlace();
         const auto& inView = *ctx.getInputView();
@@ -132,8 +126,7 @@ private:
         return Functor::template step<T>(h, Ops::load(in + x + 2));
     }
 
-    std::shared_ptr<Scratch> m_a;
-    std::shared_ptr<Scratch> m_b;
+    details::ScratchRows<T> m_scratch;
 };
 
 } // namespace morphology

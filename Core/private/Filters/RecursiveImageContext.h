@@ -69,16 +69,18 @@ private:
     BaseTbbAlgorithm* m_filter;
 };
 
-// Parallel bodies: run the kernel on one block, then count its voxels or stop on cancellation.
-template <class Op, class Context>
-class TbbBodyRecursiveImage {
+namespace details {
+// Parallel body: run the kernel on one block, then count its voxels or stop on cancellation.
+template <class Op, class Context, class Block>
+class RecursiveImageBody {
 public:
-    TbbBodyRecursiveImage(const Op* op, Context* context, BaseTbbAlgorithm* filter)
+    RecursiveImageBody(const Op* op, Context* context, BaseTbbAlgorithm* filter)
         : m_op(op), m_context(context), m_filter(filter) {}
-    void operator()(const access::Block2d& block) const {
+    void operator()(const Block& block) const {
         m_op->run(block, *m_context);
         if (m_filter) {
-            if (!m_filter->isCancelled()) m_filter->addProgress(block.getNbRows() * block.getNbCols());
+            // A 2D block is one plan thick.
+            if (!m_filter->isCancelled()) m_filter->addProgress(block.getNbRows() * block.getNbCols() * block.getNbPlans());
             else cancel();
         }
     }
@@ -89,25 +91,11 @@ private:
     Context* m_context;
     BaseTbbAlgorithm* m_filter;
 };
+} // namespace details
 
 template <class Op, class Context>
-class TbbBody3DRecursiveImage {
-public:
-    TbbBody3DRecursiveImage(const Op* op, Context* context, BaseTbbAlgorithm* filter)
-        : m_op(op), m_context(context), m_filter(filter) {}
-    void operator()(const access::Block3d& block) const {
-        m_op->run(block, *m_context);
-        if (m_filter) {
-            if (!m_filter->isCancelled()) m_filter->addProgress(block.getNumOfVoxels());
-            else cancel();
-        }
-    }
-
-private:
-    [[noreturn]] __attribute__((cold, noinline)) static void cancel() { throw ExceptionCancelation(); }
-    const Op* m_op;
-    Context* m_context;
-    BaseTbbAlgorithm* m_filter;
-};
+using TbbBodyRecursiveImage = details::RecursiveImageBody<Op, Context, access::Block2d>;
+template <class Op, class Context>
+using TbbBody3DRecursiveImage = details::RecursiveImageBody<Op, Context, access::Block3d>;
 
 } // namespace lyn

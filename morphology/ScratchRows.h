@@ -1,0 +1,42 @@
+#pragma once
+// Per-thread scratch rows of the reduction kernels: two rows per worker thread, shared by every copy
+// of the kernel object, grown to the widest block seen and then reused without allocating.
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <tbb/enumerable_thread_specific.h>
+
+#include "simd/AlignedAllocator.h"
+
+namespace lyn {
+namespace morphology {
+namespace details {
+
+template <class T>
+class ScratchRows {
+public:
+    using Scratch = tbb::enumerable_thread_specific<std::vector<T, SimdVec::AlignedAllocator<T, 32>>>;
+
+    ScratchRows(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b) : m_a(std::move(a)), m_b(std::move(b)) {}
+
+    // The calling thread's two rows, at least `n` voxels each.
+    std::pair<T*, T*> local(std::size_t n) const {
+        auto& a = m_a->local();
+        auto& b = m_b->local();
+        if (n > a.size()) {
+            a.resize(n);
+            b.resize(n);
+        }
+        return {a.data(), b.data()};
+    }
+
+private:
+    std::shared_ptr<Scratch> m_a;
+    std::shared_ptr<Scratch> m_b;
+};
+
+} // namespace details
+} // namespace morphology
+} // namespace lyn
