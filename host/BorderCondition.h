@@ -47,6 +47,12 @@ public:
         return image->writeRaw(src, count, col, row, plan, seq, spectral);
     }
 
+    // The memory layout when the image is held in memory.
+    bool layout(MemoryLayout& out) const {
+        if (m_direct) out = m_layout;
+        return m_direct;
+    }
+
     // Address of `count` voxels of one row when they are all inside the image and in memory.
     template <class T>
     const T* pointer(long col, long row, long plan, long seq, long spectral, unsigned long count) const {
@@ -77,6 +83,12 @@ public:
                          long spectral) const = 0;
     // A short human-readable description ("fixed 0", "continue").
     virtual std::string describe() const = 0;
+    // True, with the value, when every voxel outside the image reads as one value: kernels that read
+    // rows in place then complete their edges themselves.
+    virtual bool fixedValue(T& value) const {
+        (void)value;
+        return false;
+    }
 };
 
 // Voxels outside the image read as one fixed value.
@@ -87,6 +99,10 @@ public:
     static std::shared_ptr<FixedBorderCondition> New(T value) { return std::make_shared<FixedBorderCondition>(value); }
 
     T getValue() const { return m_value; }
+    bool fixedValue(T& value) const override {
+        value = m_value;
+        return true;
+    }
 
     void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
                  long spectral) const override {

@@ -3,12 +3,16 @@
 // plans by three columns are folded once (R); each output row folds three consecutive R rows,
 // upper first. Two R rows are carried in per-thread scratch rows: 10 functor steps per vector.
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include <tbb/enumerable_thread_specific.h>
 
+#include "Core/private/Access/DirectRows.h"
+#include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
+#include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
 #include "morphology/ScratchRows.h"
 
@@ -26,7 +30,138 @@ public:
 
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
-        using Ops = SimdVec::Ops<T>;
+        if (!ctx.isInPlace()) {
+            access::DirectRows<typename Context::InView> rows;
+            if (rows.init(*ctx.getInputView(), block, SimdVec::Ops<T>::N + 1)) return runDirect(block, ctx, rows);
+        }
+        runCached(block, ctx);
+    }
+
+private:
+    using Ops = SimdVec::Ops<T>;
+    using V = typename Ops::V;
+    using Row = access::EdgedRow<T>;
+
+    // Input rows read in place: nothing is copied, and output rows go straight to an image in memory.
+    template <class Context, class Rows>
+    void runDirect(const access::Block3d& block, Context& ctx, const Rows& rows) const {
+        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
+        if (m == 0 || p == 0) return;
+        if constexpr (std::is_integral_v<T>) {
+            runDirectIntegral(block, ctx, rows);
+            return;
+        }
+        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
+                                                                          access::OverlapBorder(), true);
+        out.init(block);
+        for (long z = 0; z < p; ++z) {
+            for (long k = -1; k <= 0; ++k) {
+                const Row r0 = rows.row(z - 1, k), r1 = rows.row(z, k), r2 = rows.row(z + 1, k);
+                walkEdgedRow<Prelude, Ops::N>(n, r0, r1, r2, k < 0 ? a : b);
+            }
+            for (long y = 0; y < m; ++y) {
+                std::swap(a, b);
+                const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
+                T* o = out.rowData();
+                V last;
+                const bool stream = ctx.streamOutput();
+                walkEdgedRow<Fold, Ops::N>(n, r0, r1, r2, a, b, o, last, stream);
+                Ops::store(b + n - long(Ops::N), last);
+                out.nextRow();
+            }
+            if (ctx.isGroupCancelled()) return;
+        }
+    }
+
+    // Integer types: R is computed the order-free way (Across); the R rows live in a ring of three
+    // scratch rows.
+    template <class Context, class Rows>
+    void runDirectIntegral(const access::Block3d& block, Context& ctx, const Rows& rows) const {
+        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
+        const auto ring = m_scratch.local3(static_cast<std::size_t>(n));
+        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
+                                                                          access::OverlapBorder(), true);
+        out.init(block);
+        for (long z = 0; z < p; ++z) {
+            T* up = ring[0];
+            T* mid = ring[1];
+            T* down = ring[2];
+            Across<Functor, T>::row(rows.row(z - 1, -1), rows.row(z, -1), rows.row(z + 1, -1), n, StoreR{up});
+            Across<Functor, T>::row(rows.row(z - 1, 0), rows.row(z, 0), rows.row(z + 1, 0), n, StoreR{mid});
+            for (long y = 0; y < m; ++y) {
+                const Row ahead = rows.row(z + 1, y + 1 + kPrefetchRows);
+                Across<Functor, T>::row(rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), n,
+                     FoldR{up, mid, down, out.rowData(), ahead.p, ctx.streamOutput()});
+                out.nextRow();
+                T* freed = up;
+                up = mid;
+                mid = down;
+                down = freed;
+            }
+            if (ctx.isGroupCancelled()) return;
+        }
+    }
+
+    // Plan z + 1 is the only one not read before; its rows are fetched this many rows ahead.
+    static constexpr long kPrefetchRows = 4;
+
+    struct StoreR {
+        T* dst;
+        LYN_INLINE void put(V r, long x) const { Ops::store(dst + x, r); }
+    };
+    // The output row folds R of the rows above, at and below it, upper first; R joins the ring.
+    struct FoldR {
+        const T* up;
+        const T* mid;
+        T* down;
+        T* o;
+        const T* ahead;
+        bool stream;
+        LYN_INLINE void put(V r, long x) const {
+            _mm_prefetch(reinterpret_cast<const char*>(ahead + x), _MM_HINT_T0);
+            Ops::store(down + x, r);
+            SimdVec::storeOut<T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(up + x), Ops::load(mid + x)), r),
+                                 stream);
+        }
+    };
+
+    // R of vector x in fold order: plan z-1 at x-1, x, x+1, then plan z, then plan z+1.
+    template <Edge E>
+    static LYN_INLINE V reduceEdged(const Row& r0, const Row& r1, const Row& r2, long x) {
+        using In = EdgedLoad<T, E>;
+        auto acc = In::left(r0, x);
+        acc = Functor::template step<T>(acc, In::centre(r0, x));
+        acc = Functor::template step<T>(acc, In::right(r0, x));
+        acc = Functor::template step<T>(acc, In::left(r1, x));
+        acc = Functor::template step<T>(acc, In::centre(r1, x));
+        acc = Functor::template step<T>(acc, In::right(r1, x));
+        acc = Functor::template step<T>(acc, In::left(r2, x));
+        acc = Functor::template step<T>(acc, In::centre(r2, x));
+        return Functor::template step<T>(acc, In::right(r2, x));
+    }
+    struct Prelude {
+        template <Edge E>
+        static LYN_INLINE void vec(const Row& r0, const Row& r1, const Row& r2, T* dst, long x) {
+            Ops::store(dst + x, reduceEdged<E>(r0, r1, r2, x));
+        }
+    };
+    // out = f(f(B, A), R), upper row first; R replaces B (the last vector's R is kept in `last`
+    // until the others have read B).
+    struct Fold {
+        template <Edge E>
+        static LYN_INLINE void vec(const Row& r0, const Row& r1, const Row& r2, T* a, T* b, T* o, V& last,
+                                   const bool& stream, long x) {
+            const V r = reduceEdged<E>(r0, r1, r2, x);
+            const V acc = Functor::template step<T>(Ops::load(b + x), Ops::load(a + x));
+            SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, r), stream);
+            if constexpr (E == Edge::Last) last = r;
+            else Ops::store(b + x, r);
+        }
+    };
+
+    template <class Context>
+    void runCached(const access::Block3d& block, Context& ctx) const {
         constexpr long L = long(Ops::N);
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
         const unsigned long w = static_cast<unsigned long>(n + 2), h = static_cast<unsigned long>(m + 2);
@@ -101,7 +236,6 @@ public:
         }
     }
 
-private:
     // R(k)[x]: plan z-1 at x-1, x, x+1, then plan z, then plan z+1, all in fetched row k.
     template <class Plan>
     static LYN_INLINE typename SimdVec::Ops<T>::V reduce(const Plan* const* plans, unsigned long k, long x) {

@@ -5,6 +5,7 @@
 
 #include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
+#include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
 
 LYN_AVX2_BEGIN
@@ -20,6 +21,7 @@ class Neighborhood2dToValueSimd<Functor, access::Neighborhood2D_4Tag, access::No
 public:
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
+        if (walkBlockDirect<Neighborhood2dToValueSimd, 1>(block, ctx)) return;
         using T = typename Context::OutType;
         using Ops = SimdVec::Ops<T>;
         constexpr unsigned long N = Ops::N;
@@ -53,6 +55,16 @@ public:
             out.nextRow();
             if (y + 1 < long(block.getNbRows())) in.nextRow();
         }
+    }
+
+    template <Edge E, class T>
+    static LYN_INLINE void vec(const access::EdgedRow<T> (&r)[1][3], T* const& o, const bool& stream, long x) {
+        using In = EdgedLoad<T, E>;
+        auto acc = In::centre(r[0][0], x);
+        acc = Functor::template step<T>(acc, In::left(r[0][1], x));
+        acc = Functor::template step<T>(acc, In::centre(r[0][1], x));
+        acc = Functor::template step<T>(acc, In::right(r[0][1], x));
+        SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, In::centre(r[0][2], x)), stream);
     }
 
 private:

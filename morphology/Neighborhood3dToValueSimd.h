@@ -3,8 +3,10 @@
 // fixed fold orders, and any offset list folded in list order.
 #include <vector>
 
+#include "Core/private/Access/DirectRows.h"
 #include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
+#include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
 
 LYN_AVX2_BEGIN
@@ -41,12 +43,25 @@ class Neighborhood3dToValueSimd<Functor, access::Neighborhood3D_6Tag, access::No
 public:
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
+        if (walkBlockDirect<Neighborhood3dToValueSimd, 3>(block, ctx)) return;
         using Ops = SimdVec::Ops<typename Context::OutType>;
         access::IteratorNeighborhood3D_6<typename Context::InView, Ops::N> in(ctx.getInputView(), access::NoDataType{});
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
         details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+    }
+
+    template <Edge E, class T>
+    static LYN_INLINE void vec(const access::EdgedRow<T> (&r)[3][3], T* const& o, const bool& stream, long x) {
+        using In = EdgedLoad<T, E>;
+        auto acc = In::centre(r[0][1], x);
+        acc = Functor::template step<T>(acc, In::centre(r[1][0], x));
+        acc = Functor::template step<T>(acc, In::left(r[1][1], x));
+        acc = Functor::template step<T>(acc, In::centre(r[1][1], x));
+        acc = Functor::template step<T>(acc, In::right(r[1][1], x));
+        acc = Functor::template step<T>(acc, In::centre(r[1][2], x));
+        SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, In::centre(r[2][1], x)), stream);
     }
 
     template <class Iterator, class T>
@@ -74,12 +89,33 @@ class Neighborhood3dToValueSimd<Functor, access::Neighborhood3D_18Tag, access::N
 public:
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
+        if (walkBlockDirect<Neighborhood3dToValueSimd, 3>(block, ctx)) return;
         using Ops = SimdVec::Ops<typename Context::OutType>;
         access::IteratorNeighborhood3D_18<typename Context::InView, Ops::N> in(ctx.getInputView(), access::NoDataType{});
         in.init(block);
         const access::OverlapBorder overlap =
             ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
         details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+    }
+
+    template <Edge E, class T>
+    static LYN_INLINE void vec(const access::EdgedRow<T> (&r)[3][3], T* const& o, const bool& stream, long x) {
+        using In = EdgedLoad<T, E>;
+        auto acc = In::centre(r[0][0], x);
+        acc = Functor::template step<T>(acc, In::left(r[0][1], x));
+        acc = Functor::template step<T>(acc, In::centre(r[0][1], x));
+        acc = Functor::template step<T>(acc, In::right(r[0][1], x));
+        acc = Functor::template step<T>(acc, In::centre(r[0][2], x));
+        for (int dy = 0; dy < 3; ++dy) {
+            acc = Functor::template step<T>(acc, In::left(r[1][dy], x));
+            acc = Functor::template step<T>(acc, In::centre(r[1][dy], x));
+            acc = Functor::template step<T>(acc, In::right(r[1][dy], x));
+        }
+        acc = Functor::template step<T>(acc, In::centre(r[2][0], x));
+        acc = Functor::template step<T>(acc, In::left(r[2][1], x));
+        acc = Functor::template step<T>(acc, In::centre(r[2][1], x));
+        acc = Functor::template step<T>(acc, In::right(r[2][1], x));
+        SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, In::centre(r[2][2], x)), stream);
     }
 
     // Nine row pointers (three rows of three plans, each from column -1) replace the 19 operand

@@ -3,12 +3,15 @@
 // three columns once (H), and each output row folds three consecutive H rows, upper first. Two H
 // rows are carried in per-thread scratch rows: 4 functor steps per vector instead of 8.
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include <tbb/enumerable_thread_specific.h>
 
+#include "Core/private/Access/DirectRows.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
+#include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
 #include "morphology/ScratchRows.h"
 
@@ -26,7 +29,91 @@ public:
 
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
-        using Ops = SimdVec::Ops<T>;
+        if (!ctx.isInPlace()) {
+            access::DirectRows<typename Context::InView> rows;
+            if (rows.init(*ctx.getInputView(), block, SimdVec::Ops<T>::N + 1)) {
+                if constexpr (std::is_integral_v<T>) runDirectIntegral(block, ctx, rows);
+                else runDirect(block, ctx, rows);
+                return;
+            }
+        }
+        runCached(block, ctx);
+    }
+
+private:
+    using Ops = SimdVec::Ops<T>;
+    using V = typename Ops::V;
+    using Row = access::EdgedRow<T>;
+
+    // Integer types, input rows read in place: the three rows are folded first, then across
+    // (Across); no scratch row.
+    template <class Context, class Rows>
+    void runDirectIntegral(const access::Block2d& block, Context& ctx, const Rows& rows) const {
+        const long n = long(block.getNbCols()), m = long(block.getNbRows());
+        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
+                                                                          access::OverlapBorder(), true);
+        out.init(block);
+        for (long y = 0; y < m; ++y) {
+            Across<Functor, T>::row(rows.row(0, y - 1), rows.row(0, y), rows.row(0, y + 1), n,
+                                    StoreOut{out.rowData(), ctx.streamOutput()});
+            out.nextRow();
+        }
+    }
+    struct StoreOut {
+        T* o;
+        bool stream;
+        LYN_INLINE void put(V v, long x) const { SimdVec::storeOut<T>(o + x, v, stream); }
+    };
+
+    // Floating types, input rows read in place: H rows in two scratch rows as below, in fold order.
+    template <class Context, class Rows>
+    void runDirect(const access::Block2d& block, Context& ctx, const Rows& rows) const {
+        const long n = long(block.getNbCols()), m = long(block.getNbRows());
+        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
+                                                                          access::OverlapBorder(), true);
+        out.init(block);
+        const bool stream = ctx.streamOutput();
+        Row r = rows.row(0, -1);
+        walkEdgedRow<StoreH, Ops::N>(n, r, a);
+        r = rows.row(0, 0);
+        walkEdgedRow<StoreH, Ops::N>(n, r, b);
+        for (long y = 0; y < m; ++y) {
+            r = rows.row(0, y + 1);
+            T* o = out.rowData();
+            V last;
+            walkEdgedRow<FoldH, Ops::N>(n, r, a, b, o, last, stream);
+            Ops::store(a + n - long(Ops::N), last);
+            out.nextRow();
+            std::swap(a, b);
+        }
+    }
+    template <Edge E>
+    static LYN_INLINE V horizontalEdged(const Row& r, long x) {
+        using In = EdgedLoad<T, E>;
+        const V h = Functor::template step<T>(In::left(r, x), In::centre(r, x));
+        return Functor::template step<T>(h, In::right(r, x));
+    }
+    struct StoreH {
+        template <Edge E>
+        static LYN_INLINE void vec(const Row& r, T* const& dst, long x) { Ops::store(dst + x, horizontalEdged<E>(r, x)); }
+    };
+    // out = f(f(A, B), H), upper row first; H replaces A (the last vector's H waits in `last` until
+    // the others have read A).
+    struct FoldH {
+        template <Edge E>
+        static LYN_INLINE void vec(const Row& r, T* const& a, T* const& b, T* const& o, V& last, const bool& stream,
+                                   long x) {
+            const V h = horizontalEdged<E>(r, x);
+            const V acc = Functor::template step<T>(Ops::load(a + x), Ops::load(b + x));
+            SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, h), stream);
+            if constexpr (E == Edge::Last) last = h;
+            else Ops::store(a + x, h);
+        }
+    };
+
+    template <class Context>
+    void runCached(const access::Block2d& block, Context& ctx) const {
         constexpr long L = long(Ops::N);
         const long n = long(block.getNbCols()), m = long(block.getNbRows());
 
@@ -92,9 +179,6 @@ public:
             std::swap(a, b);
         }
     }
-
-private:
-    using V = typename SimdVec::Ops<T>::V;
 
     // out[x] = f(f(A[x], B[x]), h), upper row first; returns h for A.
     static LYN_INLINE V step(const T* a, const T* b, T* out, long x, V h) {

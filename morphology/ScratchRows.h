@@ -1,6 +1,7 @@
 #pragma once
-// Per-thread scratch rows of the reduction kernels: two rows per worker thread, shared by every copy
+// Per-thread scratch rows of the reduction kernels: two or three rows per worker thread, shared by every copy
 // of the kernel object, grown to the widest block seen and then reused without allocating.
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <utility>
@@ -30,6 +31,15 @@ public:
             b.resize(n);
         }
         return {a.data(), b.data()};
+    }
+    // Three rows of at least `n` voxels, each starting on a 32-byte boundary.
+    std::array<T*, 3> local3(std::size_t n) const {
+        const std::size_t stride = (n + 32 - 1) / 32 * 32;
+        auto& a = m_a->local();
+        auto& b = m_b->local();
+        if (2 * stride > a.size()) a.resize(2 * stride);
+        if (stride > b.size()) b.resize(stride);
+        return {a.data(), a.data() + stride, b.data()};
     }
 
 private:

@@ -250,6 +250,28 @@ TEST_F(PluginTest, Cube3dInPlaceTemporaryImagesSeriesThreadsAndBlocks) {
                             checkMorph({3, n != 1, n, 3, {19, 9, 7, 2, 2}, inPlace, budget, threads, g}, t, unsigned(n) * 5 + 1);
 }
 
+// Passes that do not write their input read its rows in place and complete the first and last
+// vector of each row from the voxel beside the block (or the border value): widths just above the
+// vector width, blocks that start and end inside rows, and streaming stores on and off.
+TEST_F(PluginTest, RowsReadInPlaceAcrossWidthsColumnSplitsAndStreaming) {
+    for (const char* streamFrom : {"0", ""}) {
+        if (*streamFrom) globalSettings()->setValue("LYN_STREAMING_STORES_MIN_BYTES", streamFrom);
+        else globalSettings()->unsetValue("LYN_STREAMING_STORES_MIN_BYTES");
+        for (VoxelTypes t : kServed) {
+            const std::uint64_t lanes = 32 / helper::getSizeOf(t);
+            const Grain grains[] = {kDefaultGrain, {2, 3, lanes + 1}};
+            for (std::uint64_t w : {lanes + 1, 2 * lanes - 1, 2 * lanes, 2 * lanes + 1, 3 * lanes + 5})
+                for (const Grain& g : grains) {
+                    for (int n : {0, 1})
+                        checkMorph({2, n == 0, n, 1 + unsigned(w % 2), {w, 6, 1, 1, 1}, false, kHuge, 2, g}, t, w + unsigned(n));
+                    for (int n : {0, 1, 2})
+                        checkMorph({3, n != 1, n, 1 + unsigned(w % 2), {w, 4, 5, 1, 1}, false, kHuge, 2, g}, t, w * 3 + unsigned(n));
+                }
+        }
+    }
+    globalSettings()->unsetValue("LYN_STREAMING_STORES_MIN_BYTES");
+}
+
 // Border values are the finite extremes, so an all -inf neighbourhood dilates to the lowest float.
 TEST_F(PluginTest, BorderValuesAreTheTypesFiniteExtremes) {
     MemoryImage in(Float, 3, 3), out;

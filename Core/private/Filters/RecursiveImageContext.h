@@ -1,6 +1,9 @@
 #pragma once
 // What all blocks of one pass share: the source and target views and, per worker thread, the row
 // and plan caches through which kernels read the source and write the target.
+#include <xmmintrin.h>
+
+#include <cstdint>
 #include <memory>
 #include <type_traits>
 
@@ -10,6 +13,7 @@
 #include "Core/private/Access/Caches.h"
 #include "Core/private/Filters/FilterTags.h"
 #include "host/PrivateImplementation.h"
+#include "host/Settings.h"
 #include "simd/AlignedAllocator.h"
 
 namespace lyn {
@@ -30,11 +34,17 @@ public:
 
     RecursiveImageContext(std::shared_ptr<const InView> source, std::shared_ptr<OutView> target,
                           BaseTbbAlgorithm* filter = nullptr)
-        : m_source(std::move(source)), m_target(std::move(target)), m_filter(filter) {}
+        : m_source(std::move(source)), m_target(std::move(target)), m_filter(filter),
+          m_stream(m_target->getInterface()->getSizeInBytes() >=
+                   globalSettings()->getValueAsBytes("LYN_STREAMING_STORES_MIN_BYTES", kStreamingDefault)) {}
 
     const std::shared_ptr<const InView>& getInputView() const { return m_source; }
     const std::shared_ptr<OutView>& getOutputView() const { return m_target; }
     bool isInPlace() const { return m_source->getInterface() == m_target->getInterface(); }
+
+    // Whether kernels computing output rows in place should write them with streaming stores: for
+    // outputs too large to stay in the cache anyway.
+    bool streamOutput() const { return m_stream; }
 
     // The calling thread's caches (empty until created).
     std::shared_ptr<InRowCache>& inputRowCache() { return m_inRows.local(); }
@@ -67,6 +77,8 @@ private:
     tbb::enumerable_thread_specific<std::shared_ptr<InPlanCache>> m_inPlans;
     tbb::enumerable_thread_specific<std::shared_ptr<OutPlanCache>> m_outPlans;
     BaseTbbAlgorithm* m_filter;
+    bool m_stream;
+    static constexpr std::uint64_t kStreamingDefault = std::uint64_t(8) << 20;
 };
 
 namespace details {
@@ -78,6 +90,7 @@ public:
         : m_op(op), m_context(context), m_filter(filter) {}
     void operator()(const Block& block) const {
         m_op->run(block, *m_context);
+        _mm_sfence();  // streaming stores of the block are visible before anyone reads them
         if (m_filter) {
             // A 2D block is one plan thick.
             if (!m_filter->isCancelled()) m_filter->addProgress(block.getNbRows() * block.getNbCols() * block.getNbPlans());
