@@ -105,6 +105,7 @@ struct Across {
 // Walks every row of the block (and every plan of a 3D block) with input rows read in place:
 // Kernel::template vec<Edge>(rows, out, stream, x) computes vector x of an output row from the
 // input rows around it, rows[plan - planOffset][row + 1] with Planes plans from planOffset = -(Planes / 2).
+// Kernel::kStreamOutput says whether the kernel may write large outputs with streaming stores.
 // False, having done nothing, when the input cannot be read in place.
 template <class Kernel, int Planes, class Block, class Context>
 bool walkBlockDirect(const Block& block, Context& ctx) {
@@ -118,7 +119,7 @@ bool walkBlockDirect(const Block& block, Context& ctx) {
     access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, access::OverlapBorder(),
                                                                  true);
     out.init(block);
-    const bool stream = ctx.streamOutput();
+    const bool stream = Kernel::kStreamOutput && ctx.streamOutput();
     access::EdgedRow<T> r[Planes][3];
     for (long z = 0; z < p; ++z) {
         for (long y = 0; y < m; ++y) {

@@ -19,6 +19,8 @@ class Neighborhood2dToValueSimd;
 template <class Functor>
 class Neighborhood2dToValueSimd<Functor, access::Neighborhood2D_4Tag, access::NoDataType> {
 public:
+    static constexpr bool kStreamOutput = true;
+
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
         if (walkBlockDirect<Neighborhood2dToValueSimd, 1>(block, ctx)) return;

@@ -53,7 +53,10 @@ public:
     }
 
     // Block row rowOffset of block plan planOffset; either may lie outside the block or the image.
-    EdgedRow<T> row(long planOffset, long rowOffset) const {
+    // Always inlined: called from AVX2 code, an out-of-line copy compiled for plain x86-64 would hand
+    // float edges back through legacy SSE instructions while the upper vector halves are dirty,
+    // which stalls on every call.
+    __attribute__((always_inline)) EdgedRow<T> row(long planOffset, long rowOffset) const {
         const long r = m_row0 + rowOffset, z = m_plan0 + planOffset;
         if (r < 0 || r >= m_nbRows || z < 0 || z >= m_nbPlans) return {m_constant.data(), m_border, m_border};
         const T* p = reinterpret_cast<const T*>(m_base + r * m_rowStride + z * m_planStride);

@@ -59,14 +59,12 @@ public:
     void init(const Block2d& block) {
         m_s.block2d = block;
         m_block = &m_s.block2d;
-        m_s.start<N>(block);
-        load();
+        start();
     }
     void init(const Block3d& block) {
         m_s.block3d = block;
         m_block = &m_s.block3d;
-        m_s.start<N>(block);
-        load();
+        start();
     }
 
     T* rowData() { return m_inPlace ? m_inPlace : m_row->data(); }
@@ -85,16 +83,26 @@ public:
     bool isValid() const { return m_s.valid != 0; }
 
 private:
+    void start() {
+        m_s.start<N>(*m_block);
+        // The block's origin, looked up once: load() runs for every row.
+        m_cols = m_block->getNbCols();
+        m_origin[0] = m_block->colsBegin();
+        m_origin[1] = m_block->rowsBegin();
+        m_origin[2] = m_block->plansBegin();
+        m_origin[3] = m_block->sequenceBegin();
+        m_origin[4] = m_block->spectralSeriesBegin();
+        load();
+    }
     void load() {
         if (m_s.nbRows == 0 || m_s.nbPlans == 0) {
             m_s.valid = 0;
             return;
         }
-        const unsigned long cols = m_block->getNbCols();
-        m_inPlace = m_direct && cols >= N ? m_view->directRowWrite(m_block->colsBegin(), m_block->rowsBegin() + m_s.row,
-                                                      m_block->plansBegin() + m_s.plan, m_block->sequenceBegin(),
-                                                      m_block->spectralSeriesBegin(), cols)
-                             : nullptr;
+        const unsigned long cols = m_cols;
+        m_inPlace = m_direct && cols >= N ? m_view->directRowWrite(m_origin[0], m_origin[1] + m_s.row,
+                                                                   m_origin[2] + m_s.plan, m_origin[3], m_origin[4], cols)
+                                          : nullptr;
         if (m_inPlace) return;
         m_row = m_fetch ? &m_cache->fetchRowInBlock(0, cols, *m_block, 0, m_s.row, m_s.plan, 0, 0)
                         : &m_cache->getRowInBlock(0, cols, *m_block, 0, m_s.row, m_s.plan, 0, 0);
@@ -109,6 +117,8 @@ private:
     const Block* m_block = nullptr;
     OuputRow<View, Alloc>* m_row = nullptr;
     T* m_inPlace = nullptr;
+    unsigned long m_cols = 0;
+    long m_origin[5] = {0, 0, 0, 0, 0};
 };
 
 namespace details {
