@@ -64,7 +64,8 @@ public:
     static std::shared_ptr<MemoryImage> New(VoxelTypes type, const Extents& extents);
 
     // Reallocates for a new type and shape, zero-filled unless `zeroFill` is false (scratch images
-    // that are written before they are read); throws std::bad_alloc when memory is short.
+    // that are written before they are read; those keep their buffer, and its old contents, when the
+    // new shape fits it without wasting half of it); throws std::bad_alloc when memory is short.
     void allocate(VoxelTypes type, const Extents& extents, bool zeroFill = true);
     // Like allocate, but reports failure instead of throwing.
     bool tryAllocate(VoxelTypes type, const Extents& extents, bool zeroFill = true);
@@ -91,6 +92,7 @@ private:
     VoxelTypes m_type = UInt8;
     Extents m_extents{0, 0, 0, 0, 0};
     void* m_data = nullptr;
+    std::uint64_t m_capacity = 0;  // bytes of voxels the owned buffer can hold
     bool m_owned = true;
 };
 

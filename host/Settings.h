@@ -1,7 +1,8 @@
 #pragma once
 // Process-wide settings, read from environment variables and overridable in code.
 // Keys (see docs/settings.md): LYN_RECURSIVITY_TMP_DISK_IMAGE, LYN_MEMORY_BUDGET, LYN_PLUGIN,
-// LYN_NO_PLUGIN, LYN_NUM_THREADS, LYN_GRAIN_SIZES, LYN_CPU_AVX_LEVEL, LYN_STREAMING_STORES_MIN_BYTES.
+// LYN_NO_PLUGIN, LYN_NUM_THREADS, LYN_GRAIN_SIZES, LYN_CPU_AVX_LEVEL, LYN_STREAMING_STORES_MIN_BYTES,
+// LYN_TEMPORARY_RETAIN_BYTES.
 #include <cstdint>
 #include <map>
 #include <mutex>

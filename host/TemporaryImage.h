@@ -73,10 +73,12 @@ public:
     ImageModel* getImageModel() { return m_image.get(); }
     LocationMode getLocationMode() const { return m_mode; }
 
+    ~TemporaryImage() override;
+
 private:
     explicit TemporaryImage(LocationMode mode) : m_mode(mode) {}
     LocationMode m_mode;
-    std::unique_ptr<ImageModel> m_image;
+    std::unique_ptr<MemoryImage> m_image;
 };
 
 } // namespace io

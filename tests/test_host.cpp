@@ -250,6 +250,30 @@ TEST(PrivateImplementationTest, ChildProgressAndCancellationFollowTheParent) {
     EXPECT_TRUE(probe.sawCancel);
 }
 
+// A scratch image keeps its buffer for any shape that fits it, and the buffer of a finished
+// temporary image serves the next temporary image.
+TEST(TemporaryImageTest, BuffersAreReusedWhileTheyFit) {
+    MemoryImage a;
+    a.allocate(Float, {64, 64, 1, 1, 1}, false);
+    void* first = a.data();
+    a.allocate(UInt16, {100, 50, 1, 1, 1}, false);
+    EXPECT_EQ(a.data(), first);
+    EXPECT_EQ(a.describe(), "100 x 50 uint16");
+    a.allocate(UInt16, {100, 50, 1, 1, 1});  // zero-filled: a fresh buffer
+    EXPECT_EQ(a.dataAs<std::uint16_t>()[4999], 0u);
+
+    void* kept = nullptr;
+    {
+        auto t = io::TemporaryImage::New(io::TemporaryImage::InMemory);
+        ASSERT_TRUE(t->reserve(Int32, 32, 32, 4, 1, 1));
+        kept = static_cast<MemoryImage*>(t->getImageModel())->data();
+    }
+    auto t = io::TemporaryImage::New(io::TemporaryImage::InMemory);
+    ASSERT_TRUE(t->reserve(Float, 32, 32, 3, 1, 1));
+    EXPECT_EQ(static_cast<MemoryImage*>(t->getImageModel())->data(), kept);
+    EXPECT_EQ(t->getImageModel()->describe(), "32 x 32 x 3 float32");
+}
+
 TEST(TemporaryImageTest, InMemoryReservesAndHandleCounts) {
     auto temp = io::TemporaryImage::New(io::TemporaryImage::InMemory);
     ASSERT_TRUE(temp->reserve(Double, 8, 4, 2, 1, 1));
