@@ -71,7 +71,8 @@ struct Across {
         const V r = _mm256_alignr_epi8(nm, c, S);
         return Functor::template step<T>(Functor::template step<T>(l, c), r);
     }
-    // The 3x3 reduction of a whole row (n >= N + 1 voxels), handed vector by vector to sink.put(v, x);
+    // The 3x3 reduction of a whole row (n >= N + 1 voxels), handed vector by vector to
+    // sink.template put<Edge>(v, x) (the Edge says where x lies, for sinks that read the rows too);
     // the last vector overlaps its neighbour when N does not divide n.
     template <class Sink>
     static LYN_INLINE void row(const Row& r0, const Row& r1, const Row& r2, long n, const Sink& sink) {
@@ -84,21 +85,24 @@ struct Across {
         for (; x + 2 * L <= n; x += L) {
             const V next = rows3(r0, r1, r2, x + L);
             const V nm = _mm256_permute2x128_si256(c, next, 0x21);
-            sink.put(across(c, pm, nm), x);
+            if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), x);
+            else sink.template put<Edge::Interior>(across(c, pm, nm), x);
             pm = nm;
             c = next;
         }
         if (x + L == n) {
-            sink.put(across(c, pm, _mm256_permute2x128_si256(c, broadcast(vr), 0x21)), x);
+            sink.template put<Edge::Last>(across(c, pm, _mm256_permute2x128_si256(c, broadcast(vr), 0x21)), x);
             return;
         }
         // The row ends inside the next vector: V[x + N] from unaligned loads, then the last vector.
         const V l = _mm256_alignr_epi8(c, pm, 16 - int(sizeof(T)));
-        sink.put(Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1)), x);
+        const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1));
+        if (x == 0) sink.template put<Edge::First>(v, x);
+        else sink.template put<Edge::Interior>(v, x);
         const long t = n - L;
         const V ct = rows3(r0, r1, r2, t);
         const V lt = rows3(r0, r1, r2, t - 1);
-        sink.put(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), t);
+        sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), t);
     }
 };
 

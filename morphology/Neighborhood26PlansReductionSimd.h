@@ -108,6 +108,7 @@ private:
 
     struct StoreR {
         T* dst;
+        template <Edge>
         LYN_INLINE void put(V r, long x) const { Ops::store(dst + x, r); }
     };
     // The output row folds R of the rows above, at and below it, upper first; R joins the ring.
@@ -118,6 +119,7 @@ private:
         T* o;
         const T* ahead;
         bool stream;
+        template <Edge>
         LYN_INLINE void put(V r, long x) const {
             _mm_prefetch(reinterpret_cast<const char*>(ahead + x), _MM_HINT_T0);
             Ops::store(down + x, r);

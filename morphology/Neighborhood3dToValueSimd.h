@@ -1,6 +1,8 @@
 #pragma once
 // One pass of a 3D neighbourhood reduction over a block: the 6- and 18-neighbourhoods with their
 // fixed fold orders, and any offset list folded in list order.
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Core/private/Access/DirectRows.h"
@@ -8,6 +10,7 @@
 #include "Core/private/Filters/RecursiveImageContext.h"
 #include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
+#include "simd/AlignedAllocator.h"
 
 LYN_AVX2_BEGIN
 namespace lyn {
@@ -95,6 +98,9 @@ public:
 
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
+        if constexpr (std::is_integral_v<typename Context::OutType>) {
+            if (runDirectIntegral(block, ctx)) return;
+        }
         if (walkBlockDirect<Neighborhood3dToValueSimd, 3>(block, ctx)) return;
         using Ops = SimdVec::Ops<typename Context::OutType>;
         access::IteratorNeighborhood3D_18<typename Context::InView, Ops::N> in(ctx.getInputView(), access::NoDataType{});
@@ -103,6 +109,73 @@ public:
             ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
         details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
     }
+
+    // Integer types, input rows read in place, in two stages (the fold order is free): for each row
+    // y of the band, M(y) is the 3x3 square across plans and columns (Across) and S(y) folds plan
+    // z - 1, plan z across three columns, and plan z + 1; output row y folds S(y - 1), M(y) and
+    // S(y + 1). S rows live in a ring of three, M rows in a ring of two: 9 steps per vector.
+    // False when the input cannot be read in place.
+    template <class Context>
+    static bool runDirectIntegral(const access::Block3d& block, Context& ctx) {
+        using T = typename Context::OutType;
+        constexpr unsigned long N = SimdVec::Ops<T>::N;
+        if (ctx.isInPlace()) return false;
+        access::DirectRows<typename Context::InView> rows;
+        if (!rows.init(*ctx.getInputView(), block, N + 1)) return false;
+        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
+        if (m == 0 || p == 0) return true;
+        const std::size_t stride = (static_cast<std::size_t>(n) + 31) / 32 * 32;
+        std::vector<T, SimdVec::AlignedAllocator<T, 32>> scratch(5 * stride);
+        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, access::OverlapBorder(),
+                                                                     true);
+        out.init(block);
+        const bool stream = kStreamOutput && ctx.streamOutput();
+        for (long z = 0; z < p; ++z) {
+            T* sr[3] = {scratch.data(), scratch.data() + stride, scratch.data() + 2 * stride};
+            T* mr[2] = {scratch.data() + 3 * stride, scratch.data() + 4 * stride};
+            for (long k = -1; k <= 0; ++k) {
+                const Sink18<T> sink{rows.row(z - 1, k), rows.row(z, k), rows.row(z + 1, k), sr[k + 1], mr[k < 0 ? 1 : 0],
+                                     nullptr, nullptr, nullptr, false};
+                Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink);
+            }
+            for (long y = 0; y < m; ++y) {
+                const Sink18<T> sink{rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), sr[2], mr[1],
+                                     sr[0], mr[0], out.rowData(), stream};
+                Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink);
+                out.nextRow();
+                T* freed = sr[0];
+                sr[0] = sr[1];
+                sr[1] = sr[2];
+                sr[2] = freed;
+                std::swap(mr[0], mr[1]);
+            }
+            if (ctx.isGroupCancelled()) return true;
+        }
+        return true;
+    }
+    template <class T>
+    struct Sink18 {
+        using Ops = SimdVec::Ops<T>;
+        access::EdgedRow<T> r0, r1, r2;
+        T* sNew;
+        T* mNew;
+        const T* sUp;  // S(y - 1)
+        const T* mMid; // M(y)
+        T* o;          // null while the band is being primed
+        bool stream;
+        template <Edge E>
+        LYN_INLINE void put(typename Ops::V mv, long x) const {
+            using In = EdgedLoad<T, E>;
+            const auto h = Functor::template step<T>(Functor::template step<T>(In::left(r1, x), In::centre(r1, x)),
+                                                     In::right(r1, x));
+            const auto sv = Functor::template step<T>(Functor::template step<T>(Ops::load(r0.p + x), h), Ops::load(r2.p + x));
+            Ops::store(sNew + x, sv);
+            Ops::store(mNew + x, mv);
+            if (o)
+                SimdVec::storeOut<T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(sUp + x), Ops::load(mMid + x)), sv),
+                                     stream);
+        }
+    };
 
     template <Edge E, class T>
     static LYN_INLINE void vec(const access::EdgedRow<T> (&r)[3][3], T* const& o, const bool& stream, long x) {

@@ -62,6 +62,7 @@ private:
     struct StoreOut {
         T* o;
         bool stream;
+        template <Edge>
         LYN_INLINE void put(V v, long x) const { SimdVec::storeOut<T>(o + x, v, stream); }
     };
 
