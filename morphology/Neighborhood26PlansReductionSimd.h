@@ -90,9 +90,8 @@ private:
             Across<Functor, T>::row(rows.row(z - 1, -1), rows.row(z, -1), rows.row(z + 1, -1), n, StoreR{up});
             Across<Functor, T>::row(rows.row(z - 1, 0), rows.row(z, 0), rows.row(z + 1, 0), n, StoreR{mid});
             for (long y = 0; y < m; ++y) {
-                const Row ahead = rows.row(z + 1, y + 1 + kPrefetchRows);
                 Across<Functor, T>::row(rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), n,
-                     FoldR{up, mid, down, out.rowData(), ahead.p, ctx.streamOutput()});
+                     FoldR{up, mid, down, out.rowData(), ctx.streamOutput()});
                 out.nextRow();
                 T* freed = up;
                 up = mid;
@@ -102,9 +101,6 @@ private:
             if (ctx.isGroupCancelled()) return;
         }
     }
-
-    // Plan z + 1 is the only one not read before; its rows are fetched this many rows ahead.
-    static constexpr long kPrefetchRows = 4;
 
     struct StoreR {
         T* dst;
@@ -117,11 +113,9 @@ private:
         const T* mid;
         T* down;
         T* o;
-        const T* ahead;
         bool stream;
         template <Edge>
         LYN_INLINE void put(V r, long x) const {
-            _mm_prefetch(reinterpret_cast<const char*>(ahead + x), _MM_HINT_T0);
             Ops::store(down + x, r);
             SimdVec::storeOut<T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(up + x), Ops::load(mid + x)), r),
                                  stream);
