@@ -82,6 +82,7 @@ void fill(MemoryImage& image, Pattern pattern) {
         fillRange(image.dataAs<std::uint8_t>(), n, seed);
         return;
     case lyn::UInt16: fillRange(image.dataAs<std::uint16_t>(), n, seed); return;
+    case lyn::Int16: fillRange(image.dataAs<std::int16_t>(), n, seed); return;
     case lyn::Float: fillRange(image.dataAs<float>(), n, seed); return;
     case lyn::Double: fillRange(image.dataAs<double>(), n, seed); return;
     default: std::abort();
@@ -334,7 +335,9 @@ void registerMorph2d() {
         int value;
         const char* name;
     };
-    for (const TypeInfo& t : kTypes) {
+    // int16 as well: OpenCV serves it, and the comparison with it covers every type it serves.
+    const TypeInfo types[] = {kTypes[0], kTypes[1], {lyn::Int16, "int16"}, kTypes[2], kTypes[3]};
+    for (const TypeInfo& t : types) {
         const std::string base = std::string("morph2d/") + t.name + "/";
         const VoxelTypes type = t.type;
         reg(base + "copy/memcpy", [type](benchmark::State& st) { benchMemcpy(st, type, kPlane); });
