@@ -1,7 +1,11 @@
 #pragma once
-// The three horizontal neighbours of vector x of a row read in place (access::EdgedRow). Interior
-// vectors are unaligned loads at x - 1, x and x + 1; the row's first vector gets its left
-// neighbour, and the last one its right neighbour, by shifting the edge voxel in.
+// Building blocks of the kernels that read their input rows in place (access::EdgedRow):
+// - EdgedLoad: the three horizontal neighbours of vector x. Interior vectors are unaligned loads at
+//   x - 1, x and x + 1; the row's first vector gets its left neighbour, and the last one its right
+//   neighbour, by shifting the edge voxel in.
+// - walkEdgedRow: the first, interior and last vectors of a row, each with its Edge.
+// - Across: the order-free 3x3 reduction of integer types (rows first, then lane shifts).
+// - walkBlockDirect: every output row of a block from the rows around it.
 #include <type_traits>
 
 #include "Core/private/Access/DirectRows.h"
