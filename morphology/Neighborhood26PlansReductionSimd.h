@@ -51,7 +51,8 @@ private:
             runDirectIntegral(block, ctx, rows);
             return;
         }
-        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+        details::BlockStorage<T> scratch;
+        auto [a, b] = details::blockRows<T, 2>(static_cast<std::size_t>(n), scratch);
         access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
                                                                           access::OverlapBorder(), true);
         out.init(block);
@@ -79,7 +80,8 @@ private:
     template <class Context, class Rows>
     void runDirectIntegral(const access::Block3d& block, Context& ctx, const Rows& rows) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-        const auto ring = m_scratch.local3(static_cast<std::size_t>(n));
+        details::BlockStorage<T> scratch;
+        const auto ring = details::blockRows<T, 3>(static_cast<std::size_t>(n), scratch);
         access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
                                                                           access::OverlapBorder(), true);
         out.init(block);

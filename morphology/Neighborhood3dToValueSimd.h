@@ -10,7 +10,7 @@
 #include "Core/private/Filters/RecursiveImageContext.h"
 #include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
-#include "simd/AlignedAllocator.h"
+#include "morphology/ScratchRows.h"
 
 LYN_AVX2_BEGIN
 namespace lyn {
@@ -124,15 +124,15 @@ public:
         if (!rows.init(*ctx.getInputView(), block, N + 1)) return false;
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
         if (m == 0 || p == 0) return true;
-        const std::size_t stride = (static_cast<std::size_t>(n) + 31) / 32 * 32;
-        std::vector<T, SimdVec::AlignedAllocator<T, 32>> scratch(5 * stride);
+        details::BlockStorage<T> scratch;
+        const auto rowsOf = details::blockRows<T, 5>(static_cast<std::size_t>(n), scratch);
         access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, access::OverlapBorder(),
                                                                      true);
         out.init(block);
         const bool stream = kStreamOutput && ctx.streamOutput();
         for (long z = 0; z < p; ++z) {
-            T* sr[3] = {scratch.data(), scratch.data() + stride, scratch.data() + 2 * stride};
-            T* mr[2] = {scratch.data() + 3 * stride, scratch.data() + 4 * stride};
+            T* sr[3] = {rowsOf[0], rowsOf[1], rowsOf[2]};
+            T* mr[2] = {rowsOf[3], rowsOf[4]};
             for (long k = -1; k <= 0; ++k) {
                 const Sink18<T> sink{rows.row(z - 1, k), rows.row(z, k), rows.row(z + 1, k), sr[k + 1], mr[k < 0 ? 1 : 0],
                                      nullptr, nullptr, nullptr, false};

@@ -70,7 +70,8 @@ private:
     template <class Context, class Rows>
     void runDirect(const access::Block2d& block, Context& ctx, const Rows& rows) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows());
-        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+        details::BlockStorage<T> scratch;
+        auto [a, b] = details::blockRows<T, 2>(static_cast<std::size_t>(n), scratch);
         access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
                                                                           access::OverlapBorder(), true);
         out.init(block);

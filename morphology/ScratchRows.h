@@ -1,6 +1,7 @@
 #pragma once
-// Per-thread scratch rows of the reduction kernels: two or three rows per worker thread, shared by every copy
-// of the kernel object, grown to the widest block seen and then reused without allocating.
+// Scratch rows of the reduction kernels: per block for the paths that read their input in place,
+// per worker thread (shared by every copy of the kernel object, grown to the widest block seen) for
+// the cached paths.
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -14,6 +15,22 @@
 namespace lyn {
 namespace morphology {
 namespace details {
+
+template <class T>
+using BlockStorage = std::vector<T, SimdVec::AlignedAllocator<T, 32>>;
+
+// K rows of at least n voxels each, on 32-byte boundaries, held by `storage`: the scratch rows of
+// kernels that read their input in place, allocated per block. Measured: per-thread rows made
+// the 26-connected integer kernel scale 1.5x from 1 to 2 threads instead of 2x; per-block rows cost
+// one allocation per block and are no slower anywhere else.
+template <class T, std::size_t K>
+std::array<T*, K> blockRows(std::size_t n, BlockStorage<T>& storage) {
+    const std::size_t stride = (n + 31) / 32 * 32;
+    storage.resize(K * stride);
+    std::array<T*, K> rows;
+    for (std::size_t k = 0; k < K; ++k) rows[k] = storage.data() + k * stride;
+    return rows;
+}
 
 template <class T>
 class ScratchRows {
@@ -32,16 +49,6 @@ public:
         }
         return {a.data(), b.data()};
     }
-    // Three rows of at least `n` voxels, each starting on a 32-byte boundary.
-    std::array<T*, 3> local3(std::size_t n) const {
-        const std::size_t stride = (n + 32 - 1) / 32 * 32;
-        auto& a = m_a->local();
-        auto& b = m_b->local();
-        if (2 * stride > a.size()) a.resize(2 * stride);
-        if (stride > b.size()) b.resize(stride);
-        return {a.data(), a.data() + stride, b.data()};
-    }
-
 private:
     std::shared_ptr<Scratch> m_a;
     std::shared_ptr<Scratch> m_b;
