@@ -113,7 +113,7 @@ public:
     // Integer types, input rows read in place, in two stages (the fold order is free): for each row
     // y of the band, M(y) is the 3x3 square across plans and columns (Across) and S(y) folds plan
     // z - 1, plan z across three columns, and plan z + 1; output row y folds S(y - 1), M(y) and
-    // S(y + 1). S rows live in a ring of three, M rows in a ring of two: 9 steps per vector.
+    // S(y + 1). S rows live in a ring of three, M rows in a ring of two: 10 steps per vector.
     // False when the input cannot be read in place.
     template <class Context>
     static bool runDirectIntegral(const access::Block3d& block, Context& ctx) {
