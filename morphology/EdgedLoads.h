@@ -110,6 +110,22 @@ struct Across {
     }
 };
 
+// The input rows of a block, read in place; false when the pass writes the image it reads or the
+// input cannot be read in place (see access::DirectRows::init; rows need N + 1 voxels).
+template <class Block, class Context>
+bool openDirectRows(const Block& block, const Context& ctx, access::DirectRows<typename Context::InView>& rows) {
+    return !ctx.isInPlace() && rows.init(*ctx.getInputView(), block, SimdVec::Ops<typename Context::OutType>::N + 1);
+}
+
+// The output rows of a pass that reads its input in place: it defers nothing, so rows of an output
+// held in memory are computed where they belong. init(block) before use.
+template <class Context>
+using DirectOutput = access::IteratorPixelOutput<typename Context::OutView, SimdVec::Ops<typename Context::OutType>::N>;
+template <class Context>
+DirectOutput<Context> directOutput(Context& ctx) {
+    return DirectOutput<Context>(ctx.getOutputView(), false, access::OverlapBorder(), true);
+}
+
 // Walks every row of the block (and every plan of a 3D block) with input rows read in place:
 // Kernel::template vec<Edge>(rows, out, stream, x) computes vector x of an output row from the
 // input rows around it, rows[plan - planOffset][row + 1] with Planes plans from planOffset = -(Planes / 2).
@@ -119,13 +135,11 @@ template <class Kernel, int Planes, class Block, class Context>
 bool walkBlockDirect(const Block& block, Context& ctx) {
     using T = typename Context::OutType;
     constexpr unsigned long N = SimdVec::Ops<T>::N;
-    if (ctx.isInPlace()) return false;
     access::DirectRows<typename Context::InView> rows;
-    if (!rows.init(*ctx.getInputView(), block, N + 1)) return false;
+    if (!openDirectRows(block, ctx, rows)) return false;
     const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
     if (m == 0 || p == 0) return true;
-    access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, access::OverlapBorder(),
-                                                                 true);
+    auto out = directOutput(ctx);
     out.init(block);
     const bool stream = Kernel::kStreamOutput && ctx.streamOutput();
     access::EdgedRow<T> r[Planes][3];

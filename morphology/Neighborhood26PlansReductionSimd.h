@@ -30,10 +30,8 @@ public:
 
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
-        if (!ctx.isInPlace()) {
-            access::DirectRows<typename Context::InView> rows;
-            if (rows.init(*ctx.getInputView(), block, SimdVec::Ops<T>::N + 1)) return runDirect(block, ctx, rows);
-        }
+        access::DirectRows<typename Context::InView> rows;
+        if (openDirectRows(block, ctx, rows)) return runDirect(block, ctx, rows);
         runCached(block, ctx);
     }
 
@@ -53,8 +51,7 @@ private:
         }
         details::BlockStorage<T> scratch;
         auto [a, b] = details::blockRows<T, 2>(static_cast<std::size_t>(n), scratch);
-        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
-                                                                          access::OverlapBorder(), true);
+        auto out = directOutput(ctx);
         out.init(block);
         for (long z = 0; z < p; ++z) {
             for (long k = -1; k <= 0; ++k) {
@@ -82,8 +79,7 @@ private:
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
         details::BlockStorage<T> scratch;
         const auto ring = details::blockRows<T, 3>(static_cast<std::size_t>(n), scratch);
-        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
-                                                                          access::OverlapBorder(), true);
+        auto out = directOutput(ctx);
         out.init(block);
         for (long z = 0; z < p; ++z) {
             T* up = ring[0];

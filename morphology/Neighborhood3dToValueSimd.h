@@ -118,16 +118,13 @@ public:
     template <class Context>
     static bool runDirectIntegral(const access::Block3d& block, Context& ctx) {
         using T = typename Context::OutType;
-        constexpr unsigned long N = SimdVec::Ops<T>::N;
-        if (ctx.isInPlace()) return false;
         access::DirectRows<typename Context::InView> rows;
-        if (!rows.init(*ctx.getInputView(), block, N + 1)) return false;
+        if (!openDirectRows(block, ctx, rows)) return false;
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
         if (m == 0 || p == 0) return true;
         details::BlockStorage<T> scratch;
         const auto rowsOf = details::blockRows<T, 5>(static_cast<std::size_t>(n), scratch);
-        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, access::OverlapBorder(),
-                                                                     true);
+        auto out = directOutput(ctx);
         out.init(block);
         const bool stream = kStreamOutput && ctx.streamOutput();
         for (long z = 0; z < p; ++z) {

@@ -29,15 +29,10 @@ public:
 
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
-        if (!ctx.isInPlace()) {
-            access::DirectRows<typename Context::InView> rows;
-            if (rows.init(*ctx.getInputView(), block, SimdVec::Ops<T>::N + 1)) {
-                if constexpr (std::is_integral_v<T>) runDirectIntegral(block, ctx, rows);
-                else runDirect(block, ctx, rows);
-                return;
-            }
-        }
-        runCached(block, ctx);
+        access::DirectRows<typename Context::InView> rows;
+        if (!openDirectRows(block, ctx, rows)) return runCached(block, ctx);
+        if constexpr (std::is_integral_v<T>) runDirectIntegral(block, ctx, rows);
+        else runDirect(block, ctx, rows);
     }
 
 private:
@@ -50,8 +45,7 @@ private:
     template <class Context, class Rows>
     void runDirectIntegral(const access::Block2d& block, Context& ctx, const Rows& rows) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows());
-        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
-                                                                          access::OverlapBorder(), true);
+        auto out = directOutput(ctx);
         out.init(block);
         for (long y = 0; y < m; ++y) {
             Across<Functor, T>::row(rows.row(0, y - 1), rows.row(0, y), rows.row(0, y + 1), n,
@@ -72,8 +66,7 @@ private:
         const long n = long(block.getNbCols()), m = long(block.getNbRows());
         details::BlockStorage<T> scratch;
         auto [a, b] = details::blockRows<T, 2>(static_cast<std::size_t>(n), scratch);
-        access::IteratorPixelOutput<typename Context::OutView, Ops::N> out(ctx.getOutputView(), false,
-                                                                          access::OverlapBorder(), true);
+        auto out = directOutput(ctx);
         out.init(block);
         const bool stream = ctx.streamOutput();
         Row r = rows.row(0, -1);
