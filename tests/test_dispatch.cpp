@@ -9,6 +9,7 @@
 #include <typeinfo>
 
 #include "Core/private/Access/Caches.h"
+#include "Core/private/Access/DirectRows.h"
 #include "Core/private/Filters/QuantificationFilter.h"
 #include "Core/private/Helper/safe_cast.h"
 #include "Core/private/TmplDispatch/Visitor1Args.h"
@@ -289,6 +290,40 @@ public:
     bool writeRaw(const void*, std::uint64_t, long, long, long, long, long) override { return false; }
     bool getMemoryLayout(MemoryLayout&) const override { return false; }
 };
+
+// Rows read in place: the voxels beside a block come from the image inside it and from the border
+// value at the image's edges; rows outside the image read as the border; anything but a fixed
+// border, or a block narrower than asked, is refused (the kernels then take the cached path).
+TEST(DirectRowsTest, EdgesComeFromTheImageOrTheBorder) {
+    using View = access::View<std::int16_t, SimdVec::AlignedAllocator<std::int16_t, 32>>;
+    MemoryImage image(Int16, 10, 4, 3);
+    auto* d = image.dataAs<std::int16_t>();
+    for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) d[i] = std::int16_t(i);
+    auto view = View::New(static_cast<const ImageModel*>(&image), access::FixedBorderCondition<std::int16_t>::New(-7));
+    access::DirectRows<View> rows;
+
+    const access::Block3d inner(1, 2, 1, 1, 3, 1, 2, 7, 1, 0, 0);  // plan 1, rows 1-2, columns 2-6
+    ASSERT_TRUE(rows.init(*view, inner, 5));
+    auto r = rows.row(0, 1);
+    EXPECT_EQ(r.p, d + image.index(2, 2, 1));
+    EXPECT_EQ(r.left, d[image.index(1, 2, 1)]);
+    EXPECT_EQ(r.right, d[image.index(7, 2, 1)]);
+    for (const auto& outside : {rows.row(0, -2), rows.row(2, 0), rows.row(-2, 0)}) {
+        EXPECT_EQ(outside.left, -7);
+        EXPECT_EQ(outside.right, -7);
+        for (int k = 0; k < 5; ++k) EXPECT_EQ(outside.p[k], -7) << k;
+    }
+
+    const access::Block3d whole(0, 3, 1, 0, 4, 1, 0, 10, 1, 0, 0);
+    ASSERT_TRUE(rows.init(*view, whole, 10));
+    r = rows.row(2, 3);
+    EXPECT_EQ(r.left, -7);
+    EXPECT_EQ(r.right, -7);
+    EXPECT_EQ(r.p[9], d[image.index(9, 3, 2)]);
+    EXPECT_FALSE(rows.init(*view, whole, 11));
+    auto continued = View::New(static_cast<const ImageModel*>(&image), access::ContinueBorderCondition<std::int16_t>::New());
+    EXPECT_FALSE(rows.init(*continued, whole, 1));
+}
 
 TEST(OutputRowTest, CoreRulesDecideWhatIsWrittenAtOnce) {
     MemoryImage image(Int32, 40, 40);
