@@ -6,6 +6,8 @@
 // - walkEdgedRow: the first, interior and last vectors of a row, each with its Edge.
 // - Across: the order-free 3x3 reduction of integer types (rows first, then lane shifts).
 // - walkBlockDirect: every output row of a block from the rows around it.
+#include <algorithm>
+#include <cmath>
 #include <type_traits>
 
 #include "Core/private/Access/DirectRows.h"
@@ -44,12 +46,63 @@ LYN_INLINE void walkEdgedRow(long n, Args&... args) {
     for (long x = L; x + L < n; x += L) Kernel::template vec<Edge::Interior>(args..., x);
 }
 
-// Integer minimum and maximum do not depend on the fold order, so a 3x3 reduction over three rows
-// can fold them first (V, aligned loads) and take V's horizontal neighbours by lane shifts, never
-// by loads that straddle cache lines.
+// Float minimum and maximum depend on the fold order only through NaN (a NaN accumulator is
+// replaced by the next operand, a NaN operand replaces the accumulator) and through ties of +0.0
+// and -0.0 (the later operand wins). Over voxels holding neither NaN nor -0.0, equal values have
+// equal bits, so any order gives the fold order's result: the order-free kernels may serve.
+// Integer folds are always order-free.
+template <class T>
+struct OrderFree {
+    using Ops = SimdVec::Ops<T>;
+
+    // Sees voxels go by (as a kernel loads them) and tells whether all were order-free.
+    class Watch {
+    public:
+        // Written out: an implicit constructor would be compiled without AVX2.
+        LYN_INLINE Watch() : m_bad(_mm256_setzero_si256()) {}
+        LYN_INLINE void vec(typename Ops::V v) {
+            // A lane equal to zero or unordered keeps its bits: zero for +0.0, not for -0.0 and NaN.
+            if constexpr (!std::is_integral_v<T>)
+                m_bad = _mm256_or_si256(m_bad, _mm256_and_si256(Ops::bits(v), Ops::bits(zeroOrUnordered(v))));
+        }
+        LYN_INLINE void edges(T left, T right) {
+            if constexpr (!std::is_integral_v<T>) m_badEdge |= special(left) || special(right);
+        }
+        LYN_INLINE bool clean() const { return !m_badEdge && _mm256_testz_si256(m_bad, m_bad); }
+
+    private:
+        static LYN_INLINE bool special(T v) { return v != v || (v == T(0) && std::signbit(v)); }
+        static LYN_INLINE auto zeroOrUnordered(typename Ops::V v) {
+            if constexpr (std::is_same_v<T, float>) return _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_EQ_UQ);
+            else return _mm256_cmp_pd(v, _mm256_setzero_pd(), _CMP_EQ_UQ);
+        }
+        __m256i m_bad;
+        bool m_badEdge = false;
+    };
+
+    // Whether rows -1 to m of plan z hold no NaN and no -0.0, over columns -1 to n (n >= N).
+    template <class Rows>
+    static bool plan(const Rows& rows, long z, long m, long n) {
+        if constexpr (std::is_integral_v<T>) {
+            return true;
+        } else {
+            constexpr long L = long(Ops::N);
+            Watch watch;
+            for (long k = -1; k <= m; ++k) {
+                const access::EdgedRow<T> r = rows.row(z, k);
+                watch.edges(r.left, r.right);
+                for (long x = 0; x < n; x += L) watch.vec(Ops::load(r.p + std::min(x, n - L)));
+            }
+            return watch.clean();
+        }
+    }
+};
+
+// Integer minimum and maximum do not depend on the fold order (nor do float ones over data free of
+// NaN and -0.0, see OrderFree), so a 3x3 reduction over three rows can fold them first (V, aligned
+// loads) and take V's horizontal neighbours by lane shifts, never by loads that straddle cache lines.
 template <class Functor, class T>
 struct Across {
-    static_assert(std::is_integral_v<T>, "order-free folds are for integer types only");
     using Ops = SimdVec::Ops<T>;
     using V = typename Ops::V;
     using Row = access::EdgedRow<T>;
@@ -59,53 +112,78 @@ struct Across {
         else return b < a ? b : a;
     }
     static LYN_INLINE V broadcast(T v) {
-        if constexpr (sizeof(T) == 1) return _mm256_set1_epi8(static_cast<char>(v));
-        else if constexpr (sizeof(T) == 2) return _mm256_set1_epi16(static_cast<short>(v));
-        else return _mm256_set1_epi32(static_cast<int>(v));
+        if constexpr (sizeof(T) == 1) return Ops::fromBits(_mm256_set1_epi8(static_cast<char>(v)));
+        else if constexpr (sizeof(T) == 2) return Ops::fromBits(_mm256_set1_epi16(static_cast<short>(v)));
+        else if constexpr (std::is_same_v<T, float>) return _mm256_set1_ps(v);
+        else if constexpr (std::is_same_v<T, double>) return _mm256_set1_pd(v);
+        else if constexpr (sizeof(T) == 4) return _mm256_set1_epi32(static_cast<int>(v));
+        else return _mm256_set1_epi64x(static_cast<long long>(v));
     }
-    static LYN_INLINE V rows3(const Row& r0, const Row& r1, const Row& r2, long x) {
-        return Functor::template step<T>(Functor::template step<T>(Ops::load(r0.p + x), Ops::load(r1.p + x)),
-                                         Ops::load(r2.p + x));
+    // [a.hi, b.lo]
+    static LYN_INLINE V midPair(V a, V b) {
+        return Ops::fromBits(_mm256_permute2x128_si256(Ops::bits(a), Ops::bits(b), 0x21));
+    }
+    template <int Bytes>
+    static LYN_INLINE V alignr(V hi, V lo) {
+        return Ops::fromBits(_mm256_alignr_epi8(Ops::bits(hi), Ops::bits(lo), Bytes));
+    }
+    template <class Watch>
+    static LYN_INLINE V rows3(const Row& r0, const Row& r1, const Row& r2, long x, Watch& watch) {
+        const V v2 = Ops::load(r2.p + x);
+        watch.vec(v2);
+        return Functor::template step<T>(Functor::template step<T>(Ops::load(r0.p + x), Ops::load(r1.p + x)), v2);
     }
     // f(V[x-1], V[x], V[x+1]) from V at x (c) and the lane-crossing pairs [V(x-N).hi, c.lo] (pm) and
     // [c.hi, V(x+N).lo] (nm).
     static LYN_INLINE V across(V c, V pm, V nm) {
         constexpr int S = int(sizeof(T));
-        const V l = _mm256_alignr_epi8(c, pm, 16 - S);
-        const V r = _mm256_alignr_epi8(nm, c, S);
+        const V l = alignr<16 - S>(c, pm);
+        const V r = alignr<S>(nm, c);
         return Functor::template step<T>(Functor::template step<T>(l, c), r);
     }
     // The 3x3 reduction of a whole row (n >= N + 1 voxels), handed vector by vector to
     // sink.template put<Edge>(v, x) (the Edge says where x lies, for sinks that read the rows too);
-    // the last vector overlaps its neighbour when N does not divide n.
-    template <class Sink>
-    static LYN_INLINE void row(const Row& r0, const Row& r1, const Row& r2, long n, const Sink& sink) {
+    // the last vector overlaps its neighbour when N does not divide n. `watch` sees every voxel of
+    // r2 (columns -1 to n), so that a kernel walking plans learns whether the next one is order-free.
+    template <class Sink, class Watch = typename OrderFree<T>::Watch>
+    static LYN_INLINE void row(const Row& r0, const Row& r1, const Row& r2, long n, const Sink& sink, Watch&& watch = Watch()) {
+        // A local copy stays in a register; the caller's may have to live in memory, since stores
+        // through the kernels' pointers could alias it.
+        std::decay_t<Watch> local = watch;
+        walk(r0, r1, r2, n, sink, local);
+        watch = local;
+    }
+
+private:
+    template <class Sink, class Watch>
+    static LYN_INLINE void walk(const Row& r0, const Row& r1, const Row& r2, long n, const Sink& sink, Watch& watch) {
         constexpr long L = long(Ops::N);
+        watch.edges(r2.left, r2.right);
         const T vl = scalarStep(scalarStep(r0.left, r1.left), r2.left);
         const T vr = scalarStep(scalarStep(r0.right, r1.right), r2.right);
-        V c = rows3(r0, r1, r2, 0);
-        V pm = _mm256_permute2x128_si256(broadcast(vl), c, 0x21);
+        V c = rows3(r0, r1, r2, 0, watch);
+        V pm = midPair(broadcast(vl), c);
         long x = 0;
         for (; x + 2 * L <= n; x += L) {
-            const V next = rows3(r0, r1, r2, x + L);
-            const V nm = _mm256_permute2x128_si256(c, next, 0x21);
+            const V next = rows3(r0, r1, r2, x + L, watch);
+            const V nm = midPair(c, next);
             if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), x);
             else sink.template put<Edge::Interior>(across(c, pm, nm), x);
             pm = nm;
             c = next;
         }
         if (x + L == n) {
-            sink.template put<Edge::Last>(across(c, pm, _mm256_permute2x128_si256(c, broadcast(vr), 0x21)), x);
+            sink.template put<Edge::Last>(across(c, pm, midPair(c, broadcast(vr))), x);
             return;
         }
         // The row ends inside the next vector: V[x + N] from unaligned loads, then the last vector.
-        const V l = _mm256_alignr_epi8(c, pm, 16 - int(sizeof(T)));
-        const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1));
+        const V l = alignr<16 - int(sizeof(T))>(c, pm);
+        const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1, watch));
         if (x == 0) sink.template put<Edge::First>(v, x);
         else sink.template put<Edge::Interior>(v, x);
         const long t = n - L;
-        const V ct = rows3(r0, r1, r2, t);
-        const V lt = rows3(r0, r1, r2, t - 1);
+        const V ct = rows3(r0, r1, r2, t, watch);
+        const V lt = rows3(r0, r1, r2, t - 1, watch);
         sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), t);
     }
 };
@@ -126,6 +204,21 @@ DirectOutput<Context> directOutput(Context& ctx) {
     return DirectOutput<Context>(ctx.getOutputView(), false, access::OverlapBorder(), true);
 }
 
+// One output plan of walkBlockDirect: its m rows of n voxels, written through `out`.
+template <class Kernel, int Planes, class Rows, class Out>
+LYN_INLINE void walkPlanDirect(const Rows& rows, long z, long n, long m, Out& out, bool stream) {
+    using T = typename Rows::T;
+    constexpr unsigned long N = SimdVec::Ops<T>::N;
+    access::EdgedRow<T> r[Planes][3];
+    for (long y = 0; y < m; ++y) {
+        for (int dz = 0; dz < Planes; ++dz)
+            for (int dy = 0; dy < 3; ++dy) r[dz][dy] = rows.row(z + dz - Planes / 2, y + dy - 1);
+        T* o = out.rowData();
+        walkEdgedRow<Kernel, N>(n, r, o, stream);
+        out.nextRow();
+    }
+}
+
 // Walks every row of the block (and every plan of a 3D block) with input rows read in place:
 // Kernel::template vec<Edge>(rows, out, stream, x) computes vector x of an output row from the
 // input rows around it, rows[plan - planOffset][row + 1] with Planes plans from planOffset = -(Planes / 2).
@@ -133,8 +226,6 @@ DirectOutput<Context> directOutput(Context& ctx) {
 // False, having done nothing, when the input cannot be read in place.
 template <class Kernel, int Planes, class Block, class Context>
 bool walkBlockDirect(const Block& block, Context& ctx) {
-    using T = typename Context::OutType;
-    constexpr unsigned long N = SimdVec::Ops<T>::N;
     access::DirectRows<typename Context::InView> rows;
     if (!openDirectRows(block, ctx, rows)) return false;
     const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
@@ -142,15 +233,8 @@ bool walkBlockDirect(const Block& block, Context& ctx) {
     auto out = directOutput(ctx);
     out.init(block);
     const bool stream = Kernel::kStreamOutput && ctx.streamOutput();
-    access::EdgedRow<T> r[Planes][3];
     for (long z = 0; z < p; ++z) {
-        for (long y = 0; y < m; ++y) {
-            for (int dz = 0; dz < Planes; ++dz)
-                for (int dy = 0; dy < 3; ++dy) r[dz][dy] = rows.row(z + dz - Planes / 2, y + dy - 1);
-            T* o = out.rowData();
-            walkEdgedRow<Kernel, N>(n, r, o, stream);
-            out.nextRow();
-        }
+        walkPlanDirect<Kernel, Planes>(rows, z, n, m, out, stream);
         if (ctx.isGroupCancelled()) return true;
     }
     return true;

@@ -2,6 +2,7 @@
 // The 26-connected 3x3x3 cube in two stages: for each row of the band, the nine voxels of three
 // plans by three columns are folded once (R); each output row folds three consecutive R rows,
 // upper first. Two R rows are carried in per-thread scratch rows: 10 functor steps per vector.
+#include <array>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -41,62 +42,76 @@ private:
     using Row = access::EdgedRow<T>;
 
     // Input rows read in place: nothing is copied, and output rows go straight to an image in memory.
+    // A plan whose input plans z-1, z and z+1 are order-free (always, for integer types) takes the
+    // order-free reduction; the others fold in order. Plan z+1 is watched while plan z is computed
+    // the order-free way, and the plan computed again in order if it was not order-free after all.
     template <class Context, class Rows>
     void runDirect(const access::Block3d& block, Context& ctx, const Rows& rows) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
         if (m == 0 || p == 0) return;
-        if constexpr (std::is_integral_v<T>) {
-            runDirectIntegral(block, ctx, rows);
-            return;
-        }
-        details::BlockStorage<T> scratch;
-        auto [a, b] = details::blockRows<T, 2>(static_cast<std::size_t>(n), scratch);
-        auto out = directOutput(ctx);
-        out.init(block);
-        for (long z = 0; z < p; ++z) {
-            for (long k = -1; k <= 0; ++k) {
-                const Row r0 = rows.row(z - 1, k), r1 = rows.row(z, k), r2 = rows.row(z + 1, k);
-                walkEdgedRow<Prelude, Ops::N>(n, r0, r1, r2, k < 0 ? a : b);
-            }
-            for (long y = 0; y < m; ++y) {
-                std::swap(a, b);
-                const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
-                T* o = out.rowData();
-                V last;
-                const bool stream = ctx.streamOutput();
-                walkEdgedRow<Fold, Ops::N>(n, r0, r1, r2, a, b, o, last, stream);
-                Ops::store(b + n - long(Ops::N), last);
-                out.nextRow();
-            }
-            if (ctx.isGroupCancelled()) return;
-        }
-    }
-
-    // Integer types: R is computed the order-free way (Across); the R rows live in a ring of three
-    // scratch rows.
-    template <class Context, class Rows>
-    void runDirectIntegral(const access::Block3d& block, Context& ctx, const Rows& rows) const {
-        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
         details::BlockStorage<T> scratch;
         const auto ring = details::blockRows<T, 3>(static_cast<std::size_t>(n), scratch);
         auto out = directOutput(ctx);
         out.init(block);
+        const bool stream = ctx.streamOutput();
+        bool orderFree[2] = {OrderFree<T>::plan(rows, -1, m, n), OrderFree<T>::plan(rows, 0, m, n)};
         for (long z = 0; z < p; ++z) {
-            T* up = ring[0];
-            T* mid = ring[1];
-            T* down = ring[2];
-            Across<Functor, T>::row(rows.row(z - 1, -1), rows.row(z, -1), rows.row(z + 1, -1), n, StoreR{up});
-            Across<Functor, T>::row(rows.row(z - 1, 0), rows.row(z, 0), rows.row(z + 1, 0), n, StoreR{mid});
-            for (long y = 0; y < m; ++y) {
-                Across<Functor, T>::row(rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), n,
-                     FoldR{up, mid, down, out.rowData(), ctx.streamOutput()});
-                out.nextRow();
-                T* freed = up;
-                up = mid;
-                mid = down;
-                down = freed;
+            bool nextFree;
+            if (orderFree[0] && orderFree[1]) {
+                typename OrderFree<T>::Watch next;
+                planOrderFree(rows, z, n, m, ring, out, stream, next);
+                nextFree = next.clean();
+                if (!nextFree) {
+                    out.rewindToPlan(z);
+                    planInOrder(rows, z, n, m, ring, out, stream);
+                }
+            } else {
+                nextFree = OrderFree<T>::plan(rows, z + 1, m, n);
+                planInOrder(rows, z, n, m, ring, out, stream);
             }
+            orderFree[0] = orderFree[1];
+            orderFree[1] = nextFree;
             if (ctx.isGroupCancelled()) return;
+        }
+    }
+
+    // R the order-free way (Across); the R rows live in a ring of three scratch rows.
+    template <class Rows, class Out, class Watch>
+    static void planOrderFree(const Rows& rows, long z, long n, long m, std::array<T*, 3> ring, Out& out, bool stream,
+                              Watch& next) {
+        T* up = ring[0];
+        T* mid = ring[1];
+        T* down = ring[2];
+        Across<Functor, T>::row(rows.row(z - 1, -1), rows.row(z, -1), rows.row(z + 1, -1), n, StoreR{up}, next);
+        Across<Functor, T>::row(rows.row(z - 1, 0), rows.row(z, 0), rows.row(z + 1, 0), n, StoreR{mid}, next);
+        for (long y = 0; y < m; ++y) {
+            Across<Functor, T>::row(rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), n,
+                                    FoldR{up, mid, down, out.rowData(), stream}, next);
+            out.nextRow();
+            T* freed = up;
+            up = mid;
+            mid = down;
+            down = freed;
+        }
+    }
+
+    // R in fold order; A and B carry the two R rows above the output row.
+    template <class Rows, class Out>
+    static void planInOrder(const Rows& rows, long z, long n, long m, std::array<T*, 3> ring, Out& out, bool stream) {
+        T* a = ring[0];
+        T* b = ring[1];
+        for (long k = -1; k <= 0; ++k) {
+            const Row r0 = rows.row(z - 1, k), r1 = rows.row(z, k), r2 = rows.row(z + 1, k);
+            walkEdgedRow<Prelude, Ops::N>(n, r0, r1, r2, k < 0 ? a : b);
+        }
+        for (long y = 0; y < m; ++y) {
+            std::swap(a, b);
+            const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
+            T* o = out.rowData();
+            V last;
+            walkEdgedRow<Fold, Ops::N>(n, r0, r1, r2, a, b, o, last, stream);
+            Ops::store(b + n - long(Ops::N), last);
+            out.nextRow();
         }
     }
 

@@ -1,6 +1,7 @@
 #pragma once
 // One pass of a 3D neighbourhood reduction over a block: the 6- and 18-neighbourhoods with their
 // fixed fold orders, and any offset list folded in list order.
+#include <array>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -98,9 +99,7 @@ public:
 
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
-        if constexpr (std::is_integral_v<typename Context::OutType>) {
-            if (runDirectIntegral(block, ctx)) return;
-        }
+        if (runDirectTwoStage(block, ctx)) return;
         if (walkBlockDirect<Neighborhood3dToValueSimd, 3>(block, ctx)) return;
         using Ops = SimdVec::Ops<typename Context::OutType>;
         access::IteratorNeighborhood3D_18<typename Context::InView, Ops::N> in(ctx.getInputView(), access::NoDataType{});
@@ -110,13 +109,15 @@ public:
         details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
     }
 
-    // Integer types, input rows read in place, in two stages (the fold order is free): for each row
-    // y of the band, M(y) is the 3x3 square across plans and columns (Across) and S(y) folds plan
-    // z - 1, plan z across three columns, and plan z + 1; output row y folds S(y - 1), M(y) and
-    // S(y + 1). S rows live in a ring of three, M rows in a ring of two: 10 steps per vector.
-    // False when the input cannot be read in place.
+    // Input rows read in place. Plans whose input plans are order-free (always, for integer types)
+    // go in two stages: for each row y of the band, M(y) is the 3x3 square across plans and columns
+    // (Across) and S(y) folds plan z - 1, plan z across three columns, and plan z + 1; output row y
+    // folds S(y - 1), M(y) and S(y + 1). S rows live in a ring of three, M rows in a ring of two:
+    // 10 steps per vector. Other plans fold in order (vec); plan z + 1 is watched while plan z goes in
+    // two stages, and the plan computed again in order if it was not order-free after all. False
+    // when the input cannot be read in place.
     template <class Context>
-    static bool runDirectIntegral(const access::Block3d& block, Context& ctx) {
+    static bool runDirectTwoStage(const access::Block3d& block, Context& ctx) {
         using T = typename Context::OutType;
         access::DirectRows<typename Context::InView> rows;
         if (!openDirectRows(block, ctx, rows)) return false;
@@ -127,28 +128,49 @@ public:
         auto out = directOutput(ctx);
         out.init(block);
         const bool stream = kStreamOutput && ctx.streamOutput();
+        bool orderFree[2] = {OrderFree<T>::plan(rows, -1, m, n), OrderFree<T>::plan(rows, 0, m, n)};
         for (long z = 0; z < p; ++z) {
-            T* sr[3] = {rowsOf[0], rowsOf[1], rowsOf[2]};
-            T* mr[2] = {rowsOf[3], rowsOf[4]};
-            for (long k = -1; k <= 0; ++k) {
-                const Sink18<T> sink{rows.row(z - 1, k), rows.row(z, k), rows.row(z + 1, k), sr[k + 1], mr[k < 0 ? 1 : 0],
-                                     nullptr, nullptr, nullptr, false};
-                Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink);
+            bool nextFree;
+            if (orderFree[0] && orderFree[1]) {
+                typename OrderFree<T>::Watch next;
+                planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
+                nextFree = next.clean();
+                if (!nextFree) {
+                    out.rewindToPlan(z);
+                    walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
+                }
+            } else {
+                nextFree = OrderFree<T>::plan(rows, z + 1, m, n);
+                walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
             }
-            for (long y = 0; y < m; ++y) {
-                const Sink18<T> sink{rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), sr[2], mr[1],
-                                     sr[0], mr[0], out.rowData(), stream};
-                Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink);
-                out.nextRow();
-                T* freed = sr[0];
-                sr[0] = sr[1];
-                sr[1] = sr[2];
-                sr[2] = freed;
-                std::swap(mr[0], mr[1]);
-            }
+            orderFree[0] = orderFree[1];
+            orderFree[1] = nextFree;
             if (ctx.isGroupCancelled()) return true;
         }
         return true;
+    }
+    // Plan z in two stages, `next` watching plan z + 1.
+    template <class Rows, class T, class Out, class Watch>
+    static void planTwoStage(const Rows& rows, long z, long n, long m, const std::array<T*, 5>& rowsOf, Out& out,
+                             bool stream, Watch& next) {
+        T* sr[3] = {rowsOf[0], rowsOf[1], rowsOf[2]};
+        T* mr[2] = {rowsOf[3], rowsOf[4]};
+        for (long k = -1; k <= 0; ++k) {
+            const Sink18<T> sink{rows.row(z - 1, k), rows.row(z, k), rows.row(z + 1, k), sr[k + 1], mr[k < 0 ? 1 : 0],
+                                 nullptr, nullptr, nullptr, false};
+            Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink, next);
+        }
+        for (long y = 0; y < m; ++y) {
+            const Sink18<T> sink{rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), sr[2], mr[1],
+                                 sr[0], mr[0], out.rowData(), stream};
+            Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink, next);
+            out.nextRow();
+            T* freed = sr[0];
+            sr[0] = sr[1];
+            sr[1] = sr[2];
+            sr[2] = freed;
+            std::swap(mr[0], mr[1]);
+        }
     }
     template <class T>
     struct Sink18 {

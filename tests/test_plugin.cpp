@@ -3,8 +3,10 @@
 // counts, in-place runs, temporary images, thread counts and block sizes.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
@@ -122,9 +124,11 @@ std::unique_ptr<MemoryImage> runMorph(const MorphCase& c, const MemoryImage& inp
     return out;
 }
 
-void checkMorph(const MorphCase& c, VoxelTypes t, std::uint64_t seed) {
+void checkMorph(const MorphCase& c, VoxelTypes t, std::uint64_t seed,
+                const std::function<void(MemoryImage&)>& fillWith = nullptr) {
     MemoryImage input(t, c.extents);
-    fill(input, seed);
+    if (fillWith) fillWith(input);
+    else fill(input, seed);
     bool used = false;
     auto fast = runMorph(c, input, true, &used);
     auto reference = runMorph(c, input, false, nullptr);
@@ -270,6 +274,41 @@ TEST_F(PluginTest, RowsReadInPlaceAcrossWidthsColumnSplitsAndStreaming) {
         }
     }
     globalSettings()->unsetValue("LYN_STREAMING_STORES_MIN_BYTES");
+}
+
+// Float 18- and 26-connected kernels fold plans in any order where neither NaN nor -0.0 can show
+// the order, and in the fixed order elsewhere. Values -1 or 1 and +0.0, so that zero is often the
+// result, and one NaN or -0.0 placed inside, at block edges (columns lanes and lanes + 1 with the
+// column grain), and in the first and last rows and plans: the plans around it fold in order, the
+// others in any order, within one block.
+TEST_F(PluginTest, FloatPlansWithoutNaNOrNegativeZeroFoldInAnyOrder) {
+    for (VoxelTypes t : {Float, Double}) {
+        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
+        const std::uint64_t w = 2 * lanes + 3;
+        const std::array<std::uint64_t, 3> places[] = {{5, 3, 4},        {0, 0, 0},         {w - 1, 6, 8},
+                                                        {lanes, 3, 1},   {lanes + 1, 2, 7}, {w - 1, 0, 4}};
+        for (const Grain& g : {Grain{16, 16, w}, Grain{3, 2, lanes + 1}})  // one block; many
+            for (int n : {1, 2})
+                for (bool dilate : {true, false})
+                    for (int special = 0; special < 3; ++special)
+                        for (const auto& at : places) {
+                            const auto fillWith = [&](MemoryImage& image) {
+                                dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
+                                    using T = typename decltype(traits)::type;
+                                    if constexpr (std::is_floating_point_v<T>) {
+                                        std::mt19937_64 rng(at[0] + at[1] * 3 + at[2] * 7);
+                                        T* d = image.template dataAs<T>();
+                                        for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i)
+                                            d[i] = rng() % 2 ? T(0) : T(dilate ? -1 : 1);
+                                        const T value = special == 0 ? std::numeric_limits<T>::quiet_NaN() : -T(0);
+                                        if (special < 2) d[at[0] + w * (at[1] + 7 * at[2])] = value;
+                                    }
+                                });
+                            };
+                            checkMorph({3, dilate, n, 1, {w, 7, 9, 1, 1}, false, kHuge, 2, g}, t, 0, fillWith);
+                            if (special == 2) break;  // no special voxel: one placement is enough
+                        }
+    }
 }
 
 // Border values are the finite extremes, so an all -inf neighbourhood dilates to the lowest float.

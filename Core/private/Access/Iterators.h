@@ -81,6 +81,13 @@ public:
         load();
     }
     bool isValid() const { return m_s.valid != 0; }
+    // Back to the first row of block plan `plan`, so that a kernel can compute the plan again.
+    void rewindToPlan(long plan) {
+        m_s.plan = plan;
+        m_s.row = 0;
+        m_s.valid = 1;
+        load();
+    }
 
 private:
     void start() {
