@@ -74,6 +74,10 @@ public:
         return const_cast<T*>(m_access.template pointer<T>(col, row, plan, seq, spectral, count));
     }
 
+    // The memory layout of a writable image held in memory; false otherwise. For writers that walk
+    // many rows and would rather step by strides than look up every row (directRowWrite).
+    bool writableLayout(MemoryLayout& out) const { return m_writable && m_access.layout(out); }
+
     // Writes `count` voxels at once; false when any of them lies outside the image or the image refused.
     bool writeRowAt(unsigned long count, const T* src, long col, long row, long plan, long seq, long spectral) {
         if (!m_writable) return false;

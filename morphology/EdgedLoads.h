@@ -8,6 +8,7 @@
 // - walkBlockDirect: every output row of a block from the rows around it.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <type_traits>
 
 #include "Core/private/Access/DirectRows.h"
@@ -34,6 +35,25 @@ struct EdgedLoad {
         else return Ops::load(r.p + x + 1);
     }
 };
+
+// How a kernel stores the vectors of an output row: not at all (a row that only primes scratch
+// rows), with ordinary stores, or streaming (the row starts vector-aligned, so only its overlapping
+// last vector may not be). Chosen once per row so the column loop tests nothing.
+enum class RowStore { None, Plain, Stream };
+
+inline RowStore rowStoreFor(bool stream, const void* o) {
+    return stream && (reinterpret_cast<std::uintptr_t>(o) & 31) == 0 ? RowStore::Stream : RowStore::Plain;
+}
+
+template <RowStore S, Edge E, class T>
+LYN_INLINE void storeRowVector(T* p, typename SimdVec::Ops<T>::V v) {
+    if constexpr (S == RowStore::Stream && E != Edge::Last)
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(p), SimdVec::Ops<T>::bits(v));
+    else if constexpr (S == RowStore::Stream)
+        SimdVec::storeOut<T>(p, v, true);
+    else if constexpr (S == RowStore::Plain)
+        SimdVec::Ops<T>::store(p, v);
+}
 
 // Walks a row of n >= N + 1 voxels: Kernel::template vec<Edge>(args..., x) for the first vector,
 // the interior ones and the last one (at n - N, overlapping its neighbour when N does not divide n).
@@ -142,7 +162,8 @@ struct Across {
         return Functor::template step<T>(Functor::template step<T>(l, c), r);
     }
     // The 3x3 reduction of a whole row (n >= N + 1 voxels), handed vector by vector to
-    // sink.template put<Edge>(v, x) (the Edge says where x lies, for sinks that read the rows too);
+    // sink.template put<Edge>(v, centres, x), centres being the three rows' fold at x (the Edge says
+    // where x lies, for sinks that read the rows too);
     // the last vector overlaps its neighbour when N does not divide n. `watch` sees every voxel of
     // r2 (columns -1 to n), so that a kernel walking plans learns whether the next one is order-free.
     template <class Sink, class Watch = typename OrderFree<T>::Watch>
@@ -167,24 +188,24 @@ private:
         for (; x + 2 * L <= n; x += L) {
             const V next = rows3(r0, r1, r2, x + L, watch);
             const V nm = midPair(c, next);
-            if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), x);
-            else sink.template put<Edge::Interior>(across(c, pm, nm), x);
+            if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), c, x);
+            else sink.template put<Edge::Interior>(across(c, pm, nm), c, x);
             pm = nm;
             c = next;
         }
         if (x + L == n) {
-            sink.template put<Edge::Last>(across(c, pm, midPair(c, broadcast(vr))), x);
+            sink.template put<Edge::Last>(across(c, pm, midPair(c, broadcast(vr))), c, x);
             return;
         }
         // The row ends inside the next vector: V[x + N] from unaligned loads, then the last vector.
         const V l = alignr<16 - int(sizeof(T))>(c, pm);
         const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1, watch));
-        if (x == 0) sink.template put<Edge::First>(v, x);
-        else sink.template put<Edge::Interior>(v, x);
+        if (x == 0) sink.template put<Edge::First>(v, c, x);
+        else sink.template put<Edge::Interior>(v, c, x);
         const long t = n - L;
         const V ct = rows3(r0, r1, r2, t, watch);
         const V lt = rows3(r0, r1, r2, t - 1, watch);
-        sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), t);
+        sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), ct, t);
     }
 };
 

@@ -85,8 +85,12 @@ private:
         Across<Functor, T>::row(rows.row(z - 1, -1), rows.row(z, -1), rows.row(z + 1, -1), n, StoreR{up}, next);
         Across<Functor, T>::row(rows.row(z - 1, 0), rows.row(z, 0), rows.row(z + 1, 0), n, StoreR{mid}, next);
         for (long y = 0; y < m; ++y) {
-            Across<Functor, T>::row(rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), n,
-                                    FoldR{up, mid, down, out.rowData(), stream}, next);
+            const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
+            T* o = out.rowData();
+            if (rowStoreFor(stream, o) == RowStore::Stream)
+                Across<Functor, T>::row(r0, r1, r2, n, FoldR<RowStore::Stream>{up, mid, down, o}, next);
+            else
+                Across<Functor, T>::row(r0, r1, r2, n, FoldR<RowStore::Plain>{up, mid, down, o}, next);
             out.nextRow();
             T* freed = up;
             up = mid;
@@ -118,20 +122,19 @@ private:
     struct StoreR {
         T* dst;
         template <Edge>
-        LYN_INLINE void put(V r, long x) const { Ops::store(dst + x, r); }
+        LYN_INLINE void put(V r, V, long x) const { Ops::store(dst + x, r); }
     };
     // The output row folds R of the rows above, at and below it, upper first; R joins the ring.
+    template <RowStore S>
     struct FoldR {
         const T* up;
         const T* mid;
         T* down;
         T* o;
-        bool stream;
-        template <Edge>
-        LYN_INLINE void put(V r, long x) const {
+        template <Edge E>
+        LYN_INLINE void put(V r, V, long x) const {
             Ops::store(down + x, r);
-            SimdVec::storeOut<T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(up + x), Ops::load(mid + x)), r),
-                                 stream);
+            storeRowVector<S, E, T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(up + x), Ops::load(mid + x)), r));
         }
     };
 

@@ -156,14 +156,17 @@ public:
         T* sr[3] = {rowsOf[0], rowsOf[1], rowsOf[2]};
         T* mr[2] = {rowsOf[3], rowsOf[4]};
         for (long k = -1; k <= 0; ++k) {
-            const Sink18<T> sink{rows.row(z - 1, k), rows.row(z, k), rows.row(z + 1, k), sr[k + 1], mr[k < 0 ? 1 : 0],
-                                 nullptr, nullptr, nullptr, false};
+            const Sink18<T, RowStore::None> sink{rows.row(z - 1, k), rows.row(z, k), rows.row(z + 1, k), sr[k + 1],
+                                                 mr[k < 0 ? 1 : 0], nullptr, nullptr, nullptr};
             Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink, next);
         }
         for (long y = 0; y < m; ++y) {
-            const Sink18<T> sink{rows.row(z - 1, y + 1), rows.row(z, y + 1), rows.row(z + 1, y + 1), sr[2], mr[1],
-                                 sr[0], mr[0], out.rowData(), stream};
-            Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink, next);
+            const access::EdgedRow<T> r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
+            T* o = out.rowData();
+            if (rowStoreFor(stream, o) == RowStore::Stream)
+                Across<Functor, T>::row(r0, r1, r2, n, Sink18<T, RowStore::Stream>{r0, r1, r2, sr[2], mr[1], sr[0], mr[0], o}, next);
+            else
+                Across<Functor, T>::row(r0, r1, r2, n, Sink18<T, RowStore::Plain>{r0, r1, r2, sr[2], mr[1], sr[0], mr[0], o}, next);
             out.nextRow();
             T* freed = sr[0];
             sr[0] = sr[1];
@@ -172,7 +175,7 @@ public:
             std::swap(mr[0], mr[1]);
         }
     }
-    template <class T>
+    template <class T, RowStore S>
     struct Sink18 {
         using Ops = SimdVec::Ops<T>;
         access::EdgedRow<T> r0, r1, r2;
@@ -180,19 +183,18 @@ public:
         T* mNew;
         const T* sUp;  // S(y - 1)
         const T* mMid; // M(y)
-        T* o;          // null while the band is being primed
-        bool stream;
+        T* o;          // unused while the band is being primed (RowStore::None)
         template <Edge E>
-        LYN_INLINE void put(typename Ops::V mv, long x) const {
+        LYN_INLINE void put(typename Ops::V mv, typename Ops::V centres, long x) const {
             using In = EdgedLoad<T, E>;
             const auto h = Functor::template step<T>(Functor::template step<T>(In::left(r1, x), In::centre(r1, x)),
                                                      In::right(r1, x));
-            const auto sv = Functor::template step<T>(Functor::template step<T>(Ops::load(r0.p + x), h), Ops::load(r2.p + x));
+            const auto sv = Functor::template step<T>(centres, h);
             Ops::store(sNew + x, sv);
             Ops::store(mNew + x, mv);
-            if (o)
-                SimdVec::storeOut<T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(sUp + x), Ops::load(mMid + x)), sv),
-                                     stream);
+            if constexpr (S != RowStore::None)
+                storeRowVector<S, E, T>(
+                    o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(sUp + x), Ops::load(mMid + x)), sv));
         }
     };
 

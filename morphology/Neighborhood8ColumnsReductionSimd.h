@@ -57,7 +57,7 @@ private:
         T* o;
         bool stream;
         template <Edge>
-        LYN_INLINE void put(V v, long x) const { SimdVec::storeOut<T>(o + x, v, stream); }
+        LYN_INLINE void put(V v, V, long x) const { SimdVec::storeOut<T>(o + x, v, stream); }
     };
 
     // Floating types, input rows read in place: H rows in two scratch rows as below, in fold order.

@@ -99,11 +99,28 @@ private:
         m_origin[2] = m_block->plansBegin();
         m_origin[3] = m_block->sequenceBegin();
         m_origin[4] = m_block->spectralSeriesBegin();
+        // Direct rows of a block inside an image in memory are found by strides, not looked up.
+        m_strided = nullptr;
+        MemoryLayout layout;
+        if (m_direct && m_cols >= N && m_view->writableLayout(layout) && layout.strides[0] == long(sizeof(T)) &&
+            m_origin[0] >= 0 && m_origin[0] + long(m_cols) <= m_view->getNbCols() && m_origin[1] >= 0 &&
+            m_block->rowsEnd() <= m_view->getNbRows() && m_origin[2] >= 0 && m_block->plansEnd() <= m_view->getNbPlans() &&
+            m_origin[3] >= 0 && m_origin[3] < m_view->getNbSequence() && m_origin[4] >= 0 &&
+            m_origin[4] < m_view->getNbSpectral()) {
+            m_strided = layout.base + m_origin[0] * layout.strides[0] + m_origin[1] * layout.strides[1] +
+                        m_origin[2] * layout.strides[2] + m_origin[3] * layout.strides[3] + m_origin[4] * layout.strides[4];
+            m_rowStride = layout.strides[1];
+            m_planStride = layout.strides[2];
+        }
         load();
     }
     void load() {
         if (m_s.nbRows == 0 || m_s.nbPlans == 0) {
             m_s.valid = 0;
+            return;
+        }
+        if (m_strided) {
+            m_inPlace = reinterpret_cast<T*>(m_strided + m_s.row * m_rowStride + m_s.plan * m_planStride);
             return;
         }
         const unsigned long cols = m_cols;
@@ -126,6 +143,8 @@ private:
     T* m_inPlace = nullptr;
     unsigned long m_cols = 0;
     long m_origin[5] = {0, 0, 0, 0, 0};
+    char* m_strided = nullptr;  // the block's first voxel, when rows are found by strides
+    long m_rowStride = 0, m_planStride = 0;
 };
 
 namespace details {
