@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 
 #include "Core/private/Access/DirectRows.h"
@@ -75,30 +76,51 @@ template <class T>
 struct OrderFree {
     using Ops = SimdVec::Ops<T>;
 
-    // Sees voxels go by (as a kernel loads them) and tells whether all were order-free.
-    class Watch {
+    // Sees voxels go by (as a kernel loads them) and tells whether all were order-free. It may
+    // answer no for order-free voxels (infinities of both signs), which only costs speed. A kernel
+    // folding three rows shows it the third row's voxels, or all three rows' with AllRows.
+    template <bool AllRows>
+    class Watcher {
     public:
+        static constexpr bool kAllRows = AllRows;
         // Written out: an implicit constructor would be compiled without AVX2.
-        LYN_INLINE Watch() : m_bad(_mm256_setzero_si256()) {}
+        LYN_INLINE Watcher() : m_a(Ops::fromBits(_mm256_setzero_si256())), m_b(_mm256_setzero_si256()) {}
         LYN_INLINE void vec(typename Ops::V v) {
-            // A lane equal to zero or unordered keeps its bits: zero for +0.0, not for -0.0 and NaN.
-            if constexpr (!std::is_integral_v<T>)
-                m_bad = _mm256_or_si256(m_bad, _mm256_and_si256(Ops::bits(v), Ops::bits(zeroOrUnordered(v))));
+            if constexpr (std::is_same_v<T, float>) {
+                // Two steps per vector: a sum turns NaN if a NaN goes by (or +inf and -inf do), and
+                // -0.0 is the only float whose bits are the least 32-bit integer.
+                m_a = _mm256_add_ps(m_a, v);
+                m_b = _mm256_min_epi32(m_b, Ops::bits(v));
+            } else if constexpr (std::is_same_v<T, double>) {
+                // A lane equal to zero or unordered keeps its bits: zero for +0.0, not for -0.0 and NaN.
+                m_b = _mm256_or_si256(m_b, _mm256_and_si256(Ops::bits(v), Ops::bits(_mm256_cmp_pd(v, _mm256_setzero_pd(), _CMP_EQ_UQ))));
+            }
         }
         LYN_INLINE void edges(T left, T right) {
             if constexpr (!std::is_integral_v<T>) m_badEdge |= special(left) || special(right);
         }
-        LYN_INLINE bool clean() const { return !m_badEdge && _mm256_testz_si256(m_bad, m_bad); }
+        LYN_INLINE bool clean() const {
+            if constexpr (std::is_integral_v<T>) {
+                return true;
+            } else if constexpr (std::is_same_v<T, float>) {
+                const __m256i nan = _mm256_castps_si256(_mm256_cmp_ps(m_a, m_a, _CMP_UNORD_Q));
+                const __m256i negativeZero = _mm256_cmpeq_epi32(m_b, _mm256_set1_epi32(std::numeric_limits<std::int32_t>::min()));
+                const __m256i bad = _mm256_or_si256(nan, negativeZero);
+                return !m_badEdge && _mm256_testz_si256(bad, bad);
+            } else {
+                return !m_badEdge && _mm256_testz_si256(m_b, m_b);
+            }
+        }
 
     private:
         static LYN_INLINE bool special(T v) { return v != v || (v == T(0) && std::signbit(v)); }
-        static LYN_INLINE auto zeroOrUnordered(typename Ops::V v) {
-            if constexpr (std::is_same_v<T, float>) return _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_EQ_UQ);
-            else return _mm256_cmp_pd(v, _mm256_setzero_pd(), _CMP_EQ_UQ);
-        }
-        __m256i m_bad;
+        typename Ops::V m_a;
+        __m256i m_b;
         bool m_badEdge = false;
     };
+
+    using Watch = Watcher<false>;
+    using WatchAll = Watcher<true>;
 
     // Whether rows -1 to m of plan z hold no NaN and no -0.0, over columns -1 to n (n >= N).
     template <class Rows>
@@ -148,10 +170,15 @@ struct Across {
         return Ops::fromBits(_mm256_alignr_epi8(Ops::bits(hi), Ops::bits(lo), Bytes));
     }
     template <class Watch>
-    static LYN_INLINE V rows3(const Row& r0, const Row& r1, const Row& r2, long x, Watch& watch) {
-        const V v2 = Ops::load(r2.p + x);
+    static LYN_INLINE V rows3(const Row& r0, const Row& r1, const Row& r2, long x, Watch& watch, V& v1) {
+        const V v0 = Ops::load(r0.p + x), v2 = Ops::load(r2.p + x);
+        v1 = Ops::load(r1.p + x);
+        if constexpr (std::decay_t<Watch>::kAllRows) {
+            watch.vec(v0);
+            watch.vec(v1);
+        }
         watch.vec(v2);
-        return Functor::template step<T>(Functor::template step<T>(Ops::load(r0.p + x), Ops::load(r1.p + x)), v2);
+        return Functor::template step<T>(Functor::template step<T>(v0, v1), v2);
     }
     // f(V[x-1], V[x], V[x+1]) from V at x (c) and the lane-crossing pairs [V(x-N).hi, c.lo] (pm) and
     // [c.hi, V(x+N).lo] (nm).
@@ -162,10 +189,11 @@ struct Across {
         return Functor::template step<T>(Functor::template step<T>(l, c), r);
     }
     // The 3x3 reduction of a whole row (n >= N + 1 voxels), handed vector by vector to
-    // sink.template put<Edge>(v, centres, x), centres being the three rows' fold at x (the Edge says
-    // where x lies, for sinks that read the rows too);
-    // the last vector overlaps its neighbour when N does not divide n. `watch` sees every voxel of
-    // r2 (columns -1 to n), so that a kernel walking plans learns whether the next one is order-free.
+    // sink.template put<Edge>(v, centres, middle, x): centres is the three rows' fold at x, and
+    // middle, for sinks with kMiddleRow, r1's fold across columns x-1, x, x+1 (the Edge says where
+    // x lies, for sinks that read the rows too). The last vector overlaps its neighbour when N does
+    // not divide n. `watch` sees every voxel of r2 (columns -1 to n; of all three rows if it asks),
+    // so that a kernel walking plans learns whether the next one is order-free.
     template <class Sink, class Watch = typename OrderFree<T>::Watch>
     static LYN_INLINE void row(const Row& r0, const Row& r1, const Row& r2, long n, const Sink& sink, Watch&& watch = Watch()) {
         // A local copy stays in a register; the caller's may have to live in memory, since stores
@@ -179,33 +207,63 @@ private:
     template <class Sink, class Watch>
     static LYN_INLINE void walk(const Row& r0, const Row& r1, const Row& r2, long n, const Sink& sink, Watch& watch) {
         constexpr long L = long(Ops::N);
+        constexpr bool kMiddle = Sink::kMiddleRow;
+        if constexpr (std::decay_t<Watch>::kAllRows) {
+            watch.edges(r0.left, r0.right);
+            watch.edges(r1.left, r1.right);
+        }
         watch.edges(r2.left, r2.right);
         const T vl = scalarStep(scalarStep(r0.left, r1.left), r2.left);
         const T vr = scalarStep(scalarStep(r0.right, r1.right), r2.right);
-        V c = rows3(r0, r1, r2, 0, watch);
+        V m;  // r1 at x: the middle row's own neighbours come by the same lane shifts
+        V c = rows3(r0, r1, r2, 0, watch, m);
         V pm = midPair(broadcast(vl), c);
+        V pmm{};
+        if constexpr (kMiddle) pmm = midPair(broadcast(r1.left), m);
         long x = 0;
         for (; x + 2 * L <= n; x += L) {
-            const V next = rows3(r0, r1, r2, x + L, watch);
+            V nextM;
+            const V next = rows3(r0, r1, r2, x + L, watch, nextM);
             const V nm = midPair(c, next);
-            if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), c, x);
-            else sink.template put<Edge::Interior>(across(c, pm, nm), c, x);
+            V middle{}, nmm{};
+            if constexpr (kMiddle) {
+                nmm = midPair(m, nextM);
+                middle = across(m, pmm, nmm);
+            }
+            if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), c, middle, x);
+            else sink.template put<Edge::Interior>(across(c, pm, nm), c, middle, x);
             pm = nm;
             c = next;
+            if constexpr (kMiddle) {
+                pmm = nmm;
+                m = nextM;
+            }
         }
         if (x + L == n) {
-            sink.template put<Edge::Last>(across(c, pm, midPair(c, broadcast(vr))), c, x);
+            V middle{};
+            if constexpr (kMiddle) middle = across(m, pmm, midPair(m, broadcast(r1.right)));
+            sink.template put<Edge::Last>(across(c, pm, midPair(c, broadcast(vr))), c, middle, x);
             return;
         }
         // The row ends inside the next vector: V[x + N] from unaligned loads, then the last vector.
-        const V l = alignr<16 - int(sizeof(T))>(c, pm);
-        const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1, watch));
-        if (x == 0) sink.template put<Edge::First>(v, c, x);
-        else sink.template put<Edge::Interior>(v, c, x);
+        constexpr int S = int(sizeof(T));
+        V unused;
+        const V l = alignr<16 - S>(c, pm);
+        const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1, watch, unused));
+        V middle{};
+        if constexpr (kMiddle)
+            middle = Functor::template step<T>(Functor::template step<T>(alignr<16 - S>(m, pmm), m), Ops::load(r1.p + x + 1));
+        if (x == 0) sink.template put<Edge::First>(v, c, middle, x);
+        else sink.template put<Edge::Interior>(v, c, middle, x);
         const long t = n - L;
-        const V ct = rows3(r0, r1, r2, t, watch);
-        const V lt = rows3(r0, r1, r2, t - 1, watch);
-        sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), ct, t);
+        V mt;
+        const V ct = rows3(r0, r1, r2, t, watch, mt);
+        const V lt = rows3(r0, r1, r2, t - 1, watch, unused);
+        if constexpr (kMiddle)
+            middle = Functor::template step<T>(Functor::template step<T>(Ops::load(r1.p + t - 1), mt),
+                                               SimdVec::shiftInLast<T>(mt, r1.right));
+        sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), ct,
+                                      middle, t);
     }
 };
 

@@ -54,13 +54,22 @@ private:
         auto out = directOutput(ctx);
         out.init(block);
         const bool stream = ctx.streamOutput();
-        bool orderFree[2] = {OrderFree<T>::plan(rows, -1, m, n), OrderFree<T>::plan(rows, 0, m, n)};
+        // Plans -1 and 0 are watched with plan 1 while plan 0 is computed; a plan that turns out
+        // not to be order-free makes the three count as not.
+        bool orderFree[2] = {true, true};
         for (long z = 0; z < p; ++z) {
             bool nextFree;
             if (orderFree[0] && orderFree[1]) {
-                typename OrderFree<T>::Watch next;
-                planOrderFree(rows, z, n, m, ring, out, stream, next);
-                nextFree = next.clean();
+                if (z == 0) {
+                    typename OrderFree<T>::WatchAll all;
+                    planOrderFree(rows, z, n, m, ring, out, stream, all);
+                    nextFree = all.clean();
+                    orderFree[1] = nextFree;
+                } else {
+                    typename OrderFree<T>::Watch next;
+                    planOrderFree(rows, z, n, m, ring, out, stream, next);
+                    nextFree = next.clean();
+                }
                 if (!nextFree) {
                     out.rewindToPlan(z);
                     planInOrder(rows, z, n, m, ring, out, stream);
@@ -121,8 +130,9 @@ private:
 
     struct StoreR {
         T* dst;
+        static constexpr bool kMiddleRow = false;
         template <Edge>
-        LYN_INLINE void put(V r, V, long x) const { Ops::store(dst + x, r); }
+        LYN_INLINE void put(V r, V, V, long x) const { Ops::store(dst + x, r); }
     };
     // The output row folds R of the rows above, at and below it, upper first; R joins the ring.
     template <RowStore S>
@@ -131,8 +141,9 @@ private:
         const T* mid;
         T* down;
         T* o;
+        static constexpr bool kMiddleRow = false;
         template <Edge E>
-        LYN_INLINE void put(V r, V, long x) const {
+        LYN_INLINE void put(V r, V, V, long x) const {
             Ops::store(down + x, r);
             storeRowVector<S, E, T>(o + x, Functor::template step<T>(Functor::template step<T>(Ops::load(up + x), Ops::load(mid + x)), r));
         }

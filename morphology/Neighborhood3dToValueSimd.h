@@ -128,13 +128,22 @@ public:
         auto out = directOutput(ctx);
         out.init(block);
         const bool stream = kStreamOutput && ctx.streamOutput();
-        bool orderFree[2] = {OrderFree<T>::plan(rows, -1, m, n), OrderFree<T>::plan(rows, 0, m, n)};
+        // Plans -1 and 0 are watched with plan 1 while plan 0 is computed; a plan that turns out
+        // not to be order-free makes the three count as not.
+        bool orderFree[2] = {true, true};
         for (long z = 0; z < p; ++z) {
             bool nextFree;
             if (orderFree[0] && orderFree[1]) {
-                typename OrderFree<T>::Watch next;
-                planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
-                nextFree = next.clean();
+                if (z == 0) {
+                    typename OrderFree<T>::WatchAll all;
+                    planTwoStage(rows, z, n, m, rowsOf, out, stream, all);
+                    nextFree = all.clean();
+                    orderFree[1] = nextFree;
+                } else {
+                    typename OrderFree<T>::Watch next;
+                    planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
+                    nextFree = next.clean();
+                }
                 if (!nextFree) {
                     out.rewindToPlan(z);
                     walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
@@ -184,11 +193,16 @@ public:
         const T* sUp;  // S(y - 1)
         const T* mMid; // M(y)
         T* o;          // unused while the band is being primed (RowStore::None)
+        // Plan z's fold across columns: lane shifts of its aligned vectors (Across) for 4- and
+        // 8-byte voxels, loads at x - 1, x and x + 1 for narrower ones (measured: each is the
+        // faster for its types).
+        static constexpr bool kMiddleRow = sizeof(T) >= 4;
         template <Edge E>
-        LYN_INLINE void put(typename Ops::V mv, typename Ops::V centres, long x) const {
+        LYN_INLINE void put(typename Ops::V mv, typename Ops::V centres, typename Ops::V middle, long x) const {
             using In = EdgedLoad<T, E>;
-            const auto h = Functor::template step<T>(Functor::template step<T>(In::left(r1, x), In::centre(r1, x)),
-                                                     In::right(r1, x));
+            typename Ops::V h = middle;
+            if constexpr (!kMiddleRow)
+                h = Functor::template step<T>(Functor::template step<T>(In::left(r1, x), In::centre(r1, x)), In::right(r1, x));
             const auto sv = Functor::template step<T>(centres, h);
             Ops::store(sNew + x, sv);
             Ops::store(mNew + x, mv);

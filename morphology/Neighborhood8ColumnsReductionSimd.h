@@ -56,8 +56,9 @@ private:
     struct StoreOut {
         T* o;
         bool stream;
+        static constexpr bool kMiddleRow = false;
         template <Edge>
-        LYN_INLINE void put(V v, V, long x) const { SimdVec::storeOut<T>(o + x, v, stream); }
+        LYN_INLINE void put(V v, V, V, long x) const { SimdVec::storeOut<T>(o + x, v, stream); }
     };
 
     // Floating types, input rows read in place: H rows in two scratch rows as below, in fold order.

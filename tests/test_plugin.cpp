@@ -256,15 +256,16 @@ TEST_F(PluginTest, Cube3dInPlaceTemporaryImagesSeriesThreadsAndBlocks) {
 
 // Passes that do not write their input read its rows in place and complete the first and last
 // vector of each row from the voxel beside the block (or the border value): widths just above the
-// vector width, blocks that start and end inside rows, and streaming stores on and off.
+// vector width, blocks that start and end inside rows (whole vectors or not), and streaming stores
+// on and off.
 TEST_F(PluginTest, RowsReadInPlaceAcrossWidthsColumnSplitsAndStreaming) {
     for (const char* streamFrom : {"0", ""}) {
         if (*streamFrom) globalSettings()->setValue("LYN_STREAMING_STORES_MIN_BYTES", streamFrom);
         else globalSettings()->unsetValue("LYN_STREAMING_STORES_MIN_BYTES");
         for (VoxelTypes t : kServed) {
             const std::uint64_t lanes = 32 / helper::getSizeOf(t);
-            const Grain grains[] = {kDefaultGrain, {2, 3, lanes + 1}};
-            for (std::uint64_t w : {lanes + 1, 2 * lanes - 1, 2 * lanes, 2 * lanes + 1, 3 * lanes + 5})
+            const Grain grains[] = {kDefaultGrain, {2, 3, lanes + 1}, {1, 2, 2 * lanes}};
+            for (std::uint64_t w : {lanes + 1, 2 * lanes - 1, 2 * lanes, 2 * lanes + 1, 3 * lanes + 5, 4 * lanes})
                 for (const Grain& g : grains) {
                     for (int n : {0, 1})
                         checkMorph({2, n == 0, n, 1 + unsigned(w % 2), {w, 6, 1, 1, 1}, false, kHuge, 2, g}, t, w + unsigned(n));
