@@ -9,6 +9,7 @@
 #include <exception>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -44,7 +45,9 @@ constexpr Shape kPlane{4096, 4096, 1};
 
 // Range: values in [10, 200], so no type's whole range is present and extrema scan everything.
 // Early: uint8 in [1, 254] with 0 and 255 as the first two voxels, so a scan may stop at once.
-enum class Pattern { Range, Early };
+// Specials: floats as Range with one voxel in 1024 NaN or -0.0, so every plan holds some and the
+// float kernels keep their fold order everywhere.
+enum class Pattern { Range, Early, Specials };
 enum class Impl { Plugin, Generic };
 
 const char* implName(Impl impl) { return impl == Impl::Plugin ? "plugin" : "generic"; }
@@ -57,12 +60,16 @@ std::uint64_t splitmix(std::uint64_t& state) {
 }
 
 template <class T>
-void fillRange(T* data, std::uint64_t n, std::uint64_t seed) {
+void fillRange(T* data, std::uint64_t n, std::uint64_t seed, bool specials = false) {
     std::uint64_t state = seed;
     for (std::uint64_t i = 0; i < n; ++i) {
         const std::uint64_t r = splitmix(state);
-        if constexpr (std::is_floating_point_v<T>) data[i] = T(10) + T(r % 19001) * T(0.01);
-        else data[i] = static_cast<T>(10 + r % 191);
+        if constexpr (std::is_floating_point_v<T>) {
+            data[i] = T(10) + T(r % 19001) * T(0.01);
+            if (specials && (r >> 32) % 1024 == 0) data[i] = (r >> 42) % 2 ? std::numeric_limits<T>::quiet_NaN() : -T(0);
+        } else {
+            data[i] = static_cast<T>(10 + r % 191);
+        }
     }
 }
 
@@ -83,8 +90,8 @@ void fill(MemoryImage& image, Pattern pattern) {
         return;
     case lyn::UInt16: fillRange(image.dataAs<std::uint16_t>(), n, seed); return;
     case lyn::Int16: fillRange(image.dataAs<std::int16_t>(), n, seed); return;
-    case lyn::Float: fillRange(image.dataAs<float>(), n, seed); return;
-    case lyn::Double: fillRange(image.dataAs<double>(), n, seed); return;
+    case lyn::Float: fillRange(image.dataAs<float>(), n, seed, pattern == Pattern::Specials); return;
+    case lyn::Double: fillRange(image.dataAs<double>(), n, seed, pattern == Pattern::Specials); return;
     default: std::abort();
     }
 }
@@ -273,11 +280,12 @@ struct MorphCase {
     int neighborhood;
     unsigned passes;
     Impl impl;
+    Pattern pattern = Pattern::Range;
 };
 
 void benchMorph(benchmark::State& st, MorphCase c, bool warmUp) {
     guarded(st, [&] {
-        const MemoryImage& in = pool().input(c.type, c.shape, Pattern::Range);
+        const MemoryImage& in = pool().input(c.type, c.shape, c.pattern);
         MemoryImage& out = pool().scratch(c.type, c.shape);
         auto d = makeMorph(c.dilate, c.dims);
         d->inputImage = &in;
@@ -383,6 +391,13 @@ void registerMorph3d() {
             reg(base + "erode-" + conn + "-x1/plugin", [e](benchmark::State& st) { benchMorph(st, e, true); });
         }
     }
+    // Floats holding NaN and -0.0 everywhere: the 18- and 26-connected kernels in fold order.
+    for (const TypeInfo& t : {TypeInfo{lyn::Float, "float32"}, TypeInfo{lyn::Double, "float64"}})
+        for (int nb : {1, 2}) {
+            MorphCase c{t.type, kCube, 3, true, nb, 1, Impl::Plugin, Pattern::Specials};
+            reg(std::string("morph3d/") + t.name + "/dilate-" + (nb == 1 ? "18" : "26") + "-x1-specials/plugin",
+                [c](benchmark::State& st) { benchMorph(st, c, true); });
+        }
 }
 
 // Registered during static initialisation, after liblyn's own statics: BENCHMARK_MAIN then parses

@@ -121,23 +121,6 @@ struct OrderFree {
 
     using Watch = Watcher<false>;
     using WatchAll = Watcher<true>;
-
-    // Whether rows -1 to m of plan z hold no NaN and no -0.0, over columns -1 to n (n >= N).
-    template <class Rows>
-    static bool plan(const Rows& rows, long z, long m, long n) {
-        if constexpr (std::is_integral_v<T>) {
-            return true;
-        } else {
-            constexpr long L = long(Ops::N);
-            Watch watch;
-            for (long k = -1; k <= m; ++k) {
-                const access::EdgedRow<T> r = rows.row(z, k);
-                watch.edges(r.left, r.right);
-                for (long x = 0; x < n; x += L) watch.vec(Ops::load(r.p + std::min(x, n - L)));
-            }
-            return watch.clean();
-        }
-    }
 };
 
 // Integer minimum and maximum do not depend on the fold order (nor do float ones over data free of

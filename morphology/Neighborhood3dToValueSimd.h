@@ -128,32 +128,28 @@ public:
         auto out = directOutput(ctx);
         out.init(block);
         const bool stream = kStreamOutput && ctx.streamOutput();
-        // Plans -1 and 0 are watched with plan 1 while plan 0 is computed; a plan that turns out
-        // not to be order-free makes the three count as not.
-        bool orderFree[2] = {true, true};
+        // Plans -1 and 0 are watched with plan 1 while plan 0 is computed. Once a plan turns out
+        // not to be order-free, the rest of the block folds in order: voxels that show the order
+        // seldom come alone, and watching costs a scan of its own on the ordered path.
+        bool orderFree = true;
         for (long z = 0; z < p; ++z) {
-            bool nextFree;
-            if (orderFree[0] && orderFree[1]) {
+            if (orderFree) {
                 if (z == 0) {
                     typename OrderFree<T>::WatchAll all;
                     planTwoStage(rows, z, n, m, rowsOf, out, stream, all);
-                    nextFree = all.clean();
-                    orderFree[1] = nextFree;
+                    orderFree = all.clean();
                 } else {
                     typename OrderFree<T>::Watch next;
                     planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
-                    nextFree = next.clean();
+                    orderFree = next.clean();
                 }
-                if (!nextFree) {
+                if (!orderFree) {
                     out.rewindToPlan(z);
                     walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
                 }
             } else {
-                nextFree = OrderFree<T>::plan(rows, z + 1, m, n);
                 walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
             }
-            orderFree[0] = orderFree[1];
-            orderFree[1] = nextFree;
             if (ctx.isGroupCancelled()) return true;
         }
         return true;

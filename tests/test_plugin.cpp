@@ -278,10 +278,9 @@ TEST_F(PluginTest, RowsReadInPlaceAcrossWidthsColumnSplitsAndStreaming) {
 }
 
 // Float 18- and 26-connected kernels fold plans in any order where neither NaN nor -0.0 can show
-// the order, and in the fixed order elsewhere. Values -1 or 1 and +0.0, so that zero is often the
-// result, and one NaN or -0.0 placed inside, at block edges (columns lanes and lanes + 1 with the
-// column grain), and in the first and last rows and plans: the plans around it fold in order, the
-// others in any order, within one block.
+// the order, and in the fixed order from the plan before such a voxel on. Values -1 or 1 and +0.0,
+// so that zero is often the result, and one NaN or -0.0 placed inside, at block edges (columns
+// lanes and lanes + 1 with the column grain), and in the first and last rows and plans.
 TEST_F(PluginTest, FloatPlansWithoutNaNOrNegativeZeroFoldInAnyOrder) {
     for (VoxelTypes t : {Float, Double}) {
         const std::uint64_t lanes = 32 / helper::getSizeOf(t);
