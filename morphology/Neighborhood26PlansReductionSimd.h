@@ -62,12 +62,10 @@ private:
             if (orderFree) {
                 if (z == 0) {
                     typename OrderFree<T>::WatchAll all;
-                    planOrderFree(rows, z, n, m, ring, out, stream, all);
-                    orderFree = all.clean();
+                    orderFree = planOrderFree(rows, z, n, m, ring, out, stream, all);
                 } else {
                     typename OrderFree<T>::Watch next;
-                    planOrderFree(rows, z, n, m, ring, out, stream, next);
-                    orderFree = next.clean();
+                    orderFree = planOrderFree(rows, z, n, m, ring, out, stream, next);
                 }
                 if (!orderFree) {
                     out.rewindToPlan(z);
@@ -80,9 +78,10 @@ private:
         }
     }
 
-    // R the order-free way (Across); the R rows live in a ring of three scratch rows.
+    // R the order-free way (Across); the R rows live in a ring of three scratch rows. Stops, false,
+    // at the first row where `next` sees a voxel that is not order-free.
     template <class Rows, class Out, class Watch>
-    static void planOrderFree(const Rows& rows, long z, long n, long m, std::array<T*, 3> ring, Out& out, bool stream,
+    static bool planOrderFree(const Rows& rows, long z, long n, long m, std::array<T*, 3> ring, Out& out, bool stream,
                               Watch& next) {
         T* up = ring[0];
         T* mid = ring[1];
@@ -101,7 +100,9 @@ private:
             up = mid;
             mid = down;
             down = freed;
+            if (!next.clean()) return false;
         }
+        return next.clean();
     }
 
     // R in fold order; A and B carry the two R rows above the output row.

@@ -136,12 +136,10 @@ public:
             if (orderFree) {
                 if (z == 0) {
                     typename OrderFree<T>::WatchAll all;
-                    planTwoStage(rows, z, n, m, rowsOf, out, stream, all);
-                    orderFree = all.clean();
+                    orderFree = planTwoStage(rows, z, n, m, rowsOf, out, stream, all);
                 } else {
                     typename OrderFree<T>::Watch next;
-                    planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
-                    orderFree = next.clean();
+                    orderFree = planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
                 }
                 if (!orderFree) {
                     out.rewindToPlan(z);
@@ -154,9 +152,10 @@ public:
         }
         return true;
     }
-    // Plan z in two stages, `next` watching plan z + 1.
+    // Plan z in two stages, `next` watching plan z + 1. Stops, false, at the first row where `next`
+    // sees a voxel that is not order-free.
     template <class Rows, class T, class Out, class Watch>
-    static void planTwoStage(const Rows& rows, long z, long n, long m, const std::array<T*, 5>& rowsOf, Out& out,
+    static bool planTwoStage(const Rows& rows, long z, long n, long m, const std::array<T*, 5>& rowsOf, Out& out,
                              bool stream, Watch& next) {
         T* sr[3] = {rowsOf[0], rowsOf[1], rowsOf[2]};
         T* mr[2] = {rowsOf[3], rowsOf[4]};
@@ -178,7 +177,9 @@ public:
             sr[1] = sr[2];
             sr[2] = freed;
             std::swap(mr[0], mr[1]);
+            if (!next.clean()) return false;
         }
+        return next.clean();
     }
     template <class T, RowStore S>
     struct Sink18 {
