@@ -113,9 +113,8 @@ public:
     // go in two stages: for each row y of the band, M(y) is the 3x3 square across plans and columns
     // (Across) and S(y) folds plan z - 1, plan z across three columns, and plan z + 1; output row y
     // folds S(y - 1), M(y) and S(y + 1). S rows live in a ring of three, M rows in a ring of two:
-    // 10 steps per vector. Other plans fold in order (vec); plan z + 1 is watched while plan z goes in
-    // two stages, and the plan computed again in order if it was not order-free after all. False
-    // when the input cannot be read in place.
+    // 10 steps per vector. Other plans fold in order (vec). False when the input cannot be read in
+    // place.
     template <class Context>
     static bool runDirectTwoStage(const access::Block3d& block, Context& ctx) {
         using T = typename Context::OutType;
