@@ -166,14 +166,15 @@ struct Across {
     // f(V[x-1], V[x], V[x+1]) from V at x (c) and the lane-crossing pairs [V(x-N).hi, c.lo] (pm) and
     // [c.hi, V(x+N).lo] (nm).
     static LYN_INLINE V across(V c, V pm, V nm) {
-        constexpr int S = int(sizeof(T));
-        const V l = alignr<16 - S>(c, pm);
-        const V r = alignr<S>(nm, c);
-        return Functor::template step<T>(Functor::template step<T>(l, c), r);
+        return Functor::template step<T>(Functor::template step<T>(alignr<16 - int(sizeof(T))>(c, pm), c), alignr<int(sizeof(T))>(nm, c));
+    }
+    // f(V[x-1], V[x+1]): the two sides alone, for sinks that have V[x] folded in already.
+    static LYN_INLINE V sides(V c, V pm, V nm) {
+        return Functor::template step<T>(alignr<16 - int(sizeof(T))>(c, pm), alignr<int(sizeof(T))>(nm, c));
     }
     // The 3x3 reduction of a whole row (n >= N + 1 voxels), handed vector by vector to
-    // sink.template put<Edge>(v, centres, middle, x): centres is the three rows' fold at x, and
-    // middle, for sinks with kMiddleRow, r1's fold across columns x-1, x, x+1 (the Edge says where
+    // sink.template put<Edge>(v, centres, sides, x): centres is the three rows' fold at x, and
+    // sides, for sinks with kMiddleRow, r1's fold of columns x-1 and x+1 (the Edge says where
     // x lies, for sinks that read the rows too). The last vector overlaps its neighbour when N does
     // not divide n. `watch` sees every voxel of r2 (columns -1 to n; of all three rows if it asks),
     // so that a kernel walking plans learns whether the next one is order-free.
@@ -198,7 +199,7 @@ private:
         watch.edges(r2.left, r2.right);
         const T vl = scalarStep(scalarStep(r0.left, r1.left), r2.left);
         const T vr = scalarStep(scalarStep(r0.right, r1.right), r2.right);
-        V m;  // r1 at x: the middle row's own neighbours come by the same lane shifts
+        V m;  // r1 at x: the middle row's own sides come by the same lane shifts
         V c = rows3(r0, r1, r2, 0, watch, m);
         V pm = midPair(broadcast(vl), c);
         V pmm{};
@@ -211,7 +212,7 @@ private:
             V middle{}, nmm{};
             if constexpr (kMiddle) {
                 nmm = midPair(m, nextM);
-                middle = across(m, pmm, nmm);
+                middle = sides(m, pmm, nmm);
             }
             if (x == 0) sink.template put<Edge::First>(across(c, pm, nm), c, middle, x);
             else sink.template put<Edge::Interior>(across(c, pm, nm), c, middle, x);
@@ -224,7 +225,7 @@ private:
         }
         if (x + L == n) {
             V middle{};
-            if constexpr (kMiddle) middle = across(m, pmm, midPair(m, broadcast(r1.right)));
+            if constexpr (kMiddle) middle = sides(m, pmm, midPair(m, broadcast(r1.right)));
             sink.template put<Edge::Last>(across(c, pm, midPair(c, broadcast(vr))), c, middle, x);
             return;
         }
@@ -234,17 +235,14 @@ private:
         const V l = alignr<16 - S>(c, pm);
         const V v = Functor::template step<T>(Functor::template step<T>(l, c), rows3(r0, r1, r2, x + 1, watch, unused));
         V middle{};
-        if constexpr (kMiddle)
-            middle = Functor::template step<T>(Functor::template step<T>(alignr<16 - S>(m, pmm), m), Ops::load(r1.p + x + 1));
+        if constexpr (kMiddle) middle = Functor::template step<T>(alignr<16 - S>(m, pmm), Ops::load(r1.p + x + 1));
         if (x == 0) sink.template put<Edge::First>(v, c, middle, x);
         else sink.template put<Edge::Interior>(v, c, middle, x);
         const long t = n - L;
         V mt;
         const V ct = rows3(r0, r1, r2, t, watch, mt);
         const V lt = rows3(r0, r1, r2, t - 1, watch, unused);
-        if constexpr (kMiddle)
-            middle = Functor::template step<T>(Functor::template step<T>(Ops::load(r1.p + t - 1), mt),
-                                               SimdVec::shiftInLast<T>(mt, r1.right));
+        if constexpr (kMiddle) middle = Functor::template step<T>(Ops::load(r1.p + t - 1), SimdVec::shiftInLast<T>(mt, r1.right));
         sink.template put<Edge::Last>(Functor::template step<T>(Functor::template step<T>(lt, ct), SimdVec::shiftInLast<T>(ct, vr)), ct,
                                       middle, t);
     }

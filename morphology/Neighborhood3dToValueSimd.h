@@ -189,17 +189,15 @@ public:
         const T* sUp;  // S(y - 1)
         const T* mMid; // M(y)
         T* o;          // unused while the band is being primed (RowStore::None)
-        // Plan z's fold across columns: lane shifts of its aligned vectors (Across) for 4- and
-        // 8-byte voxels, loads at x - 1, x and x + 1 for narrower ones (measured: each is the
-        // faster for its types).
+        // S = the three plans' centres and plan z's sides (x - 1, x + 1), its centre being among the
+        // former. The sides come from lane shifts of plan z's aligned vectors (Across) for 4- and
+        // 8-byte voxels and from loads for narrower ones (measured: each is the faster for its types).
         static constexpr bool kMiddleRow = sizeof(T) >= 4;
         template <Edge E>
-        LYN_INLINE void put(typename Ops::V mv, typename Ops::V centres, typename Ops::V middle, long x) const {
+        LYN_INLINE void put(typename Ops::V mv, typename Ops::V centres, typename Ops::V sides, long x) const {
             using In = EdgedLoad<T, E>;
-            typename Ops::V h = middle;
-            if constexpr (!kMiddleRow)
-                h = Functor::template step<T>(Functor::template step<T>(In::left(r1, x), In::centre(r1, x)), In::right(r1, x));
-            const auto sv = Functor::template step<T>(centres, h);
+            if constexpr (!kMiddleRow) sides = Functor::template step<T>(In::left(r1, x), In::right(r1, x));
+            const auto sv = Functor::template step<T>(centres, sides);
             Ops::store(sNew + x, sv);
             Ops::store(mNew + x, mv);
             if constexpr (S != RowStore::None)
