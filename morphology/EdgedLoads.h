@@ -248,6 +248,34 @@ private:
     }
 };
 
+// Walks the plans of a block for a kernel with two ways to compute a plan: plans.orderFree(z, watch)
+// (false when the watch saw NaN or -0.0 in the next input plan) and plans.inOrder(z). Plans go
+// order-free, the block's first watching all three input plans, until one is not: that plan is
+// computed again in order, and so is the rest of the block, since voxels that show the order
+// seldom come alone. Stops after a plan when the group is cancelled.
+template <class T, class Plans, class Out, class Context>
+void walkPlansOrderFreeFirst(long p, const Plans& plans, Out& out, Context& ctx) {
+    bool orderFree = true;
+    for (long z = 0; z < p; ++z) {
+        if (orderFree) {
+            if (z == 0) {
+                typename OrderFree<T>::WatchAll all;
+                orderFree = plans.orderFree(z, all);
+            } else {
+                typename OrderFree<T>::Watch next;
+                orderFree = plans.orderFree(z, next);
+            }
+            if (!orderFree) {
+                out.rewindToPlan(z);
+                plans.inOrder(z);
+            }
+        } else {
+            plans.inOrder(z);
+        }
+        if (ctx.isGroupCancelled()) return;
+    }
+}
+
 // The input rows of a block, read in place; false when the pass writes the image it reads or the
 // input cannot be read in place (see access::DirectRows::init; rows need N + 1 voxels).
 template <class Block, class Context>

@@ -42,9 +42,7 @@ private:
     using Row = access::EdgedRow<T>;
 
     // Input rows read in place: nothing is copied, and output rows go straight to an image in memory.
-    // A plan whose input plans z-1, z and z+1 are order-free (always, for integer types) takes the
-    // order-free reduction; the others fold in order. Plan z+1 is watched while plan z is computed
-    // the order-free way, and the plan computed again in order if it was not order-free after all.
+    // Plans go the order-free way (always, for integer types) or fold in order: walkPlansOrderFreeFirst.
     template <class Context, class Rows>
     void runDirect(const access::Block3d& block, Context& ctx, const Rows& rows) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
@@ -54,29 +52,19 @@ private:
         auto out = directOutput(ctx);
         out.init(block);
         const bool stream = ctx.streamOutput();
-        // Plans -1 and 0 are watched with plan 1 while plan 0 is computed. Once a plan turns out
-        // not to be order-free, the rest of the block folds in order: voxels that show the order
-        // seldom come alone, and watching costs a scan of its own on the ordered path.
-        bool orderFree = true;
-        for (long z = 0; z < p; ++z) {
-            if (orderFree) {
-                if (z == 0) {
-                    typename OrderFree<T>::WatchAll all;
-                    orderFree = planOrderFree(rows, z, n, m, ring, out, stream, all);
-                } else {
-                    typename OrderFree<T>::Watch next;
-                    orderFree = planOrderFree(rows, z, n, m, ring, out, stream, next);
-                }
-                if (!orderFree) {
-                    out.rewindToPlan(z);
-                    planInOrder(rows, z, n, m, ring, out, stream);
-                }
-            } else {
-                planInOrder(rows, z, n, m, ring, out, stream);
-            }
-            if (ctx.isGroupCancelled()) return;
-        }
+        walkPlansOrderFreeFirst<T>(p, DirectPlans<Rows, decltype(out)>{rows, n, m, ring, out, stream}, out, ctx);
     }
+    template <class Rows, class Out>
+    struct DirectPlans {
+        const Rows& rows;
+        long n, m;
+        std::array<T*, 3> ring;
+        Out& out;
+        bool stream;
+        template <class Watch>
+        LYN_INLINE bool orderFree(long z, Watch& next) const { return planOrderFree(rows, z, n, m, ring, out, stream, next); }
+        LYN_INLINE void inOrder(long z) const { planInOrder(rows, z, n, m, ring, out, stream); }
+    };
 
     // R the order-free way (Across); the R rows live in a ring of three scratch rows. Stops, false,
     // at the first row where `next` sees a voxel that is not order-free.

@@ -113,8 +113,8 @@ public:
     // go in two stages: for each row y of the band, M(y) is the 3x3 square across plans and columns
     // (Across) and S(y) folds plan z - 1, plan z across three columns, and plan z + 1; output row y
     // folds S(y - 1), M(y) and S(y + 1). S rows live in a ring of three, M rows in a ring of two:
-    // 10 steps per vector. Other plans fold in order (vec). False when the input cannot be read in
-    // place.
+    // 10 steps per vector. Other plans fold in order (vec): walkPlansOrderFreeFirst. False when the
+    // input cannot be read in place.
     template <class Context>
     static bool runDirectTwoStage(const access::Block3d& block, Context& ctx) {
         using T = typename Context::OutType;
@@ -127,30 +127,20 @@ public:
         auto out = directOutput(ctx);
         out.init(block);
         const bool stream = kStreamOutput && ctx.streamOutput();
-        // Plans -1 and 0 are watched with plan 1 while plan 0 is computed. Once a plan turns out
-        // not to be order-free, the rest of the block folds in order: voxels that show the order
-        // seldom come alone, and watching costs a scan of its own on the ordered path.
-        bool orderFree = true;
-        for (long z = 0; z < p; ++z) {
-            if (orderFree) {
-                if (z == 0) {
-                    typename OrderFree<T>::WatchAll all;
-                    orderFree = planTwoStage(rows, z, n, m, rowsOf, out, stream, all);
-                } else {
-                    typename OrderFree<T>::Watch next;
-                    orderFree = planTwoStage(rows, z, n, m, rowsOf, out, stream, next);
-                }
-                if (!orderFree) {
-                    out.rewindToPlan(z);
-                    walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
-                }
-            } else {
-                walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream);
-            }
-            if (ctx.isGroupCancelled()) return true;
-        }
+        walkPlansOrderFreeFirst<T>(p, DirectPlans<decltype(rows), T, decltype(out)>{rows, n, m, rowsOf, out, stream}, out, ctx);
         return true;
     }
+    template <class Rows, class T, class Out>
+    struct DirectPlans {
+        const Rows& rows;
+        long n, m;
+        std::array<T*, 5> rowsOf;
+        Out& out;
+        bool stream;
+        template <class Watch>
+        LYN_INLINE bool orderFree(long z, Watch& next) const { return planTwoStage(rows, z, n, m, rowsOf, out, stream, next); }
+        LYN_INLINE void inOrder(long z) const { walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream); }
+    };
     // Plan z in two stages, `next` watching plan z + 1. Stops, false, at the first row where `next`
     // sees a voxel that is not order-free.
     template <class Rows, class T, class Out, class Watch>
