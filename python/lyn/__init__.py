@@ -1,0 +1,180 @@
+"""lyn: fast grey-level morphology and intensity extrema on NumPy images and volumes.
+
+Images are NumPy arrays whose last axis is the column axis: (rows, cols) for a 2D image,
+(plans, rows, cols) for a volume, up to (axis4, axis3, plans, rows, cols). The computation
+releases the GIL; Ctrl-C cancels it. ``lyn.dask`` runs the same operations over dask arrays.
+"""
+import math
+import numbers
+
+from . import _lyn
+from ._lyn import Cancelled, ComputationError, Error, RuleError
+
+__all__ = ["dilate", "erode", "extrema", "info", "shapes", "Error", "ComputationError", "RuleError", "Cancelled"]
+__version__ = "0.1.0"
+
+_AXES = {"plan": 1, "axis4": 2, "axis3": 4}
+
+
+def _integer(name, value, minimum):
+    if isinstance(value, bool) or not isinstance(value, numbers.Integral):
+        raise ValueError(f"{name}: expected an integer, got {value!r}")
+    value = int(value)
+    if value < minimum:
+        raise ValueError(f"{name}: must be at least {minimum}, got {value}")
+    return value
+
+
+def _real(name, value):
+    if isinstance(value, bool) or not isinstance(value, numbers.Real) or not math.isfinite(value):
+        raise ValueError(f"{name}: expected a finite number of degrees, got {value!r}")
+    return float(value)
+
+
+def shapes():
+    """Every shape: name -> (dimensions, options it takes, options it requires)."""
+    return _lyn.shapes()
+
+
+def _shape_values(shape, radius, connectivity, length, angle, angles, exact):
+    """Checks the shape's options as the caller gave them and packs them for the compiled module."""
+    table = _lyn.shapes()
+    if not isinstance(shape, str) or shape not in table:
+        raise ValueError(f"shape: unknown shape {shape!r} ({', '.join(table)})")
+    _, takes, requires = table[shape]
+    given = {"radius": radius is not None, "connectivity": connectivity is not None, "length": length is not None,
+             "angle": angle is not None, "angles": angles is not None, "exact": exact is not None}
+    for name, present in given.items():
+        if present and name not in takes:
+            raise ValueError(f"{name}: does not apply to shape={shape!r} (it takes {', '.join(takes)})")
+    for name in requires:
+        if not given[name]:
+            raise ValueError(f"{name}: is required with shape={shape!r}")
+    v = _lyn.ShapeValues()
+    if radius is not None:
+        v.radius = _integer("radius", radius, 0)
+    if connectivity is not None:
+        v.connectivity = _integer("connectivity", connectivity, 0)
+    if length is not None:
+        v.length = _integer("length", length, 1)
+    if angle is not None:
+        v.angle = _real("angle", angle)
+    if angles is not None:
+        try:
+            a1, a2 = angles
+        except (TypeError, ValueError):
+            raise ValueError(f"angles: expected two numbers (azimuth, elevation), got {angles!r}") from None
+        v.angle1, v.angle2 = _real("angles", a1), _real("angles", a2)
+    if exact is not None:
+        if not isinstance(exact, bool):
+            raise ValueError(f"exact: expected True or False, got {exact!r}")
+        v.exact = exact
+    return v
+
+
+def _common(threads, progress, cancel):
+    if threads is None:
+        threads = 0
+    else:
+        threads = _integer("threads", threads, 1)
+    if progress is not None and not callable(progress):
+        raise ValueError(f"progress: expected a callable taking a fraction, got {progress!r}")
+    if cancel is not None and not callable(getattr(cancel, "is_set", None)):
+        raise ValueError(f"cancel: expected an object with is_set() such as threading.Event, got {cancel!r}")
+    return threads
+
+
+def _morphology(dilate, image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+                progress, cancel):
+    values = _shape_values(shape, radius, connectivity, length, angle, angles, exact)
+    threads = _common(threads, progress, cancel)
+    return _lyn.morphology(dilate, image, shape, values, out, threads, bool(generic), progress, cancel)
+
+
+_MORPHOLOGY_DOC = """{what} of `image` by a structuring element.
+
+    shape: "square" (2D, applied plan by plan on volumes), "cube", "disk", "ball", "line",
+        "disk3d", "line3d"; see `lyn.shapes()` for the options each takes.
+    radius, connectivity, length, angle (degrees), angles (azimuth, elevation in degrees), exact:
+        the shape's options, as on the command line.
+    out: a C-contiguous array of the image's dtype and shape to write into (may be `image`
+        itself); returned. Without it a new array is returned.
+    threads: at most this many worker threads. generic: bypass the plug-in.
+    progress: called (on this thread) with fractions increasing to 1.
+    cancel: a threading.Event; setting it stops the computation with lyn.Cancelled.
+    Outside the image a {what_lower} sees the type's {border} value.
+"""
+
+
+def dilate(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+           out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _morphology(True, image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+                       progress, cancel)
+
+
+def erode(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+          out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _morphology(False, image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+                       progress, cancel)
+
+
+dilate.__doc__ = _MORPHOLOGY_DOC.format(what="Grey-level dilation", what_lower="dilation", border="lowest")
+erode.__doc__ = _MORPHOLOGY_DOC.format(what="Grey-level erosion", what_lower="erosion", border="highest")
+
+
+def _range_mode(per):
+    if per is None:
+        return 0
+    if isinstance(per, str):
+        per = (per,)
+    mode = 0
+    for axis in per:
+        if axis not in _AXES:
+            raise ValueError(f"per: unknown axis {axis!r} (use plan, axis3, axis4)")
+        mode |= _AXES[axis]
+    return mode
+
+
+def _number(value, integral):
+    if integral and not math.isnan(value):
+        return int(value)
+    return float(value)
+
+
+def extrema(image, per=None, *, threads=None, generic=False, progress=None, cancel=None):
+    """Smallest and largest value of `image`.
+
+    Without `per`, two Python numbers (int for integer images, float otherwise). With `per`, a
+    subset of ("plan", "axis3", "axis4"), two arrays of the measurement's shape (plans, axis3,
+    axis4), each axis not named being of extent 1: uint64 for unsigned images, int64 for other
+    integer images, float64 otherwise. NaN voxels are
+    ignored; an element holding only NaN gives NaN. An empty image raises ValueError.
+    """
+    import numpy as np
+
+    mode = _range_mode(per)
+    threads = _common(threads, progress, cancel)
+    arr = image if isinstance(image, np.ndarray) else None
+    if arr is None:
+        raise TypeError(f"image: expected a numpy.ndarray, not {type(image).__name__}")
+    lo, hi = _lyn.extrema(arr, mode, threads, bool(generic), progress, cancel)
+    kind = arr.dtype.kind
+    integral = kind in "uib"
+    if kind == "f":
+        # An element with no value at all (every voxel NaN) keeps the scan's starting values.
+        empty = lo > hi
+        lo[empty] = np.nan
+        hi[empty] = np.nan
+    if per is None:
+        return _number(lo.flat[0], integral), _number(hi.flat[0], integral)
+    # The module gives (axis4, axis3, plans) in C order, i.e. the measurement's order, plans fastest.
+    lo, hi = np.ascontiguousarray(lo.transpose()), np.ascontiguousarray(hi.transpose())
+    if integral:
+        dtype = np.uint64 if kind == "u" else np.int64
+        lo, hi = lo.astype(dtype), hi.astype(dtype)
+    return lo, hi
+
+
+def info():
+    """Processor features, whether the plug-in was loaded and from where, runners per algorithm."""
+    return _lyn.info()

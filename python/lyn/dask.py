@@ -1,0 +1,151 @@
+"""lyn over dask arrays: the same results as the in-memory calls, bit for bit, whatever the chunking.
+
+Each chunk is computed with the margin the structuring element reaches along each axis (clipped
+to the array's extent), taken from its neighbours; no margin is invented at the array's outer
+edges, so there lyn's own border applies exactly as in the in-memory call. Runs on any dask
+scheduler, dask.distributed included.
+"""
+import functools
+import warnings
+
+import dask.array as da
+import numpy as np
+
+import lyn as _lyn_pkg
+from . import _lyn
+
+__all__ = ["dilate", "erode", "extrema", "depth"]
+
+
+def _check_array(array):
+    if not isinstance(array, da.Array):
+        raise TypeError(f"array: expected a dask.array.Array, not {type(array).__name__}")
+    if not 2 <= array.ndim <= 5:
+        raise ValueError(f"array: expected 2 to 5 axes ((rows, cols) ... (axis4, axis3, plans, rows, cols)), "
+                         f"got {array.ndim}")
+
+
+def depth(array, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None):
+    """The overlap per axis that `shape` needs on `array` (a dict axis -> depth, clipped to the extent)."""
+    _check_array(array)
+    values = _lyn_pkg._shape_values(shape, radius, connectivity, length, angle, angles, exact)
+    return _depth(array, shape, values)
+
+
+def _depth(array, shape, values):
+    plans, rows, cols = _lyn.reach(shape, values, min(array.ndim, 3))
+    reach = [0] * array.ndim
+    reach[-1], reach[-2] = cols, rows
+    if array.ndim >= 3:
+        reach[-3] = plans
+    # A margin of extent - 1 already brings the whole axis to every chunk.
+    return {axis: max(0, min(r, n - 1)) for axis, (r, n) in enumerate(zip(reach, array.shape))}
+
+
+def _block(block, dilate, shape, values, threads, generic):
+    return _lyn.morphology(dilate, block, shape, values, None, threads, generic, None, None)
+
+
+def _morphology(dilate, array, shape, radius, connectivity, length, angle, angles, exact, threads, generic):
+    _check_array(array)
+    values = _lyn_pkg._shape_values(shape, radius, connectivity, length, angle, angles, exact)
+    threads = _lyn_pkg._common(threads, None, None)
+    # Fails here, not on the workers, for a dtype or a shape this build cannot compute.
+    try:
+        _lyn.morphology(dilate, np.zeros((1,) * array.ndim, array.dtype), shape, values, None, 1, True, None, None)
+    except TypeError as e:
+        raise TypeError(str(e).replace("image:", "array:", 1)) from None
+    if array.size == 0:
+        return array.copy()
+    fn = functools.partial(_block, dilate=dilate, shape=shape, values=values, threads=threads, generic=bool(generic))
+    return array.map_overlap(fn, depth=_depth(array, shape, values), boundary="none", trim=True, dtype=array.dtype,
+                             meta=np.empty((0,) * array.ndim, array.dtype))
+
+
+def dilate(array, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+           threads=None, generic=False):
+    """Lazy `lyn.dilate` of a dask array: a dask array of the same chunks, dtype and shape.
+
+    `threads` caps lyn's worker threads inside each chunk's task (default: lyn's default).
+    """
+    return _morphology(True, array, shape, radius, connectivity, length, angle, angles, exact, threads, generic)
+
+
+def erode(array, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+          threads=None, generic=False):
+    """Lazy `lyn.erode` of a dask array: a dask array of the same chunks, dtype and shape."""
+    return _morphology(False, array, shape, radius, connectivity, length, angle, angles, exact, threads, generic)
+
+
+# Measurement axes (plans, axis3, axis4) are the array's axes -3, -4, -5.
+_MEASUREMENT_AXIS = {"plan": 0, "axis3": 1, "axis4": 2}
+
+
+def _extrema_block(block, per, kept, out_dtype, threads, generic):
+    ndim = block.ndim
+    shape = [2] + [block.shape[a] if a in kept else 1 for a in range(ndim)]
+    if not per:
+        lo, hi = _lyn_pkg.extrema(block, threads=threads, generic=generic)
+        return np.array([lo, hi], dtype=out_dtype).reshape(shape)
+    parts = []
+    for m in _lyn_pkg.extrema(block, per=per, threads=threads, generic=generic):
+        # (plans, axis3, axis4) -> the block's (..., axis4, axis3, plans) axes; the axes it lacks have extent 1.
+        m = np.transpose(m, (2, 1, 0))
+        parts.append(m.reshape(m.shape[3 - min(ndim - 2, 3):]))
+    return np.stack(parts).astype(out_dtype, copy=False).reshape(shape)
+
+
+def extrema(array, per=None, *, threads=None, generic=False, compute=True):
+    """`lyn.extrema` of a dask array: the same values, combined over its chunks.
+
+    With `compute=False`, the two results stay lazy (dask arrays).
+    """
+    _check_array(array)
+    mode = _lyn_pkg._range_mode(per)
+    _lyn_pkg._common(threads, None, None)
+    if array.size == 0:
+        raise ValueError("array: is empty, it has no extrema")
+    kind = np.dtype(array.dtype).kind
+    if kind not in "uifb" or np.dtype(array.dtype).itemsize not in (1, 2, 4, 8) or array.dtype == np.float16:
+        raise TypeError(f"array: dtype {array.dtype} is not served")
+    per_names = tuple(name for name, bit in _lyn_pkg._AXES.items() if mode & bit)
+    ndim = array.ndim
+    kept = {ndim - 3 - _MEASUREMENT_AXIS[name] for name in per_names if ndim - 3 - _MEASUREMENT_AXIS[name] >= 0}
+    reduced_chunks = tuple(c if a in kept else (1,) * len(c) for a, c in enumerate(array.chunks))
+    out_dtype = np.uint64 if kind == "u" else np.int64 if kind in "ib" else np.float64
+    stacked = array.map_blocks(_extrema_block, per=per_names, kept=kept, out_dtype=out_dtype, threads=threads,
+                               generic=bool(generic),
+                               chunks=((2,),) + reduced_chunks, new_axis=0, dtype=out_dtype,
+                               meta=np.empty((0,) * (ndim + 1), out_dtype))
+    axes = tuple(a for a in range(ndim) if a not in kept)
+    if kind == "f":
+        # Chunks holding only NaN give NaN: they must not hide the other chunks' values.
+        lo, hi = da.nanmin(stacked[0], axis=axes), da.nanmax(stacked[1], axis=axes)
+    else:
+        lo, hi = stacked[0].min(axis=axes), stacked[1].max(axis=axes)
+    if per is None:
+        lo, hi = lo.reshape(()), hi.reshape(())
+    else:
+        lo, hi = _measurement(lo, ndim, kept), _measurement(hi, ndim, kept)
+    if not compute:
+        return lo, hi
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", RuntimeWarning)  # all-NaN elements: NaN is the answer
+        lo, hi = da.compute(lo, hi)
+    if per is None:
+        integral = kind in "uib"
+        return _lyn_pkg._number(lo[()], integral), _lyn_pkg._number(hi[()], integral)
+    return np.ascontiguousarray(lo), np.ascontiguousarray(hi)
+
+
+def _measurement(values, ndim, kept):
+    """Kept array axes (axis4, axis3, plans, as the array orders them) -> the measurement's (plans, axis3, axis4)."""
+    full = [1, 1, 1]
+    src = []
+    for m in range(3):
+        a = ndim - 3 - m
+        if a in kept:
+            src.append(a)
+            full[m] = values.shape[sorted(kept).index(a)]
+    order = [sorted(kept).index(a) for a in src]
+    return values.transpose(order).reshape(full)

@@ -1,0 +1,392 @@
+// The compiled half of the `lyn` Python package: NumPy arrays wrapped as host images without
+// copying, algorithms run on a worker thread while the calling thread (GIL released) watches for
+// Ctrl-C, a cancel event and progress, and host exceptions turned into Python ones.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <exception>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "host/Algorithms.h"
+#include "host/Cpu.h"
+#include "host/PluginLoader.h"
+#include "python/src/Shapes.h"
+
+namespace py = pybind11;
+
+namespace lyn {
+namespace python {
+
+namespace {
+
+// Python exception classes, created at import.
+PyObject* g_error = nullptr;
+PyObject* g_computationError = nullptr;
+PyObject* g_ruleError = nullptr;
+PyObject* g_cancelled = nullptr;
+
+[[noreturn]] void valueError(const std::string& message) { throw py::value_error(message); }
+
+// NumPy dtype -> host voxel type; false for a dtype the host does not serve.
+bool voxelTypeOf(const py::dtype& dt, VoxelTypes& type) {
+    const char kind = dt.kind();
+    const auto size = dt.itemsize();
+    if (kind == 'b' && size == 1) type = Binary;
+    else if (kind == 'u' && size == 1) type = UInt8;
+    else if (kind == 'u' && size == 2) type = UInt16;
+    else if (kind == 'u' && size == 4) type = UInt32;
+    else if (kind == 'u' && size == 8) type = UInt64;
+    else if (kind == 'i' && size == 1) type = Int8;
+    else if (kind == 'i' && size == 2) type = Int16;
+    else if (kind == 'i' && size == 4) type = Int32;
+    else if (kind == 'i' && size == 8) type = Int64;
+    else if (kind == 'f' && size == 4) type = Float;
+    else if (kind == 'f' && size == 8) type = Double;
+    else return false;
+    return true;
+}
+
+// (rows, cols), (plans, rows, cols), (axis3, plans, rows, cols), (axis4, axis3, plans, rows, cols).
+Extents extentsOf(const py::array& a) {
+    Extents e{1, 1, 1, 1, 1};
+    const auto n = a.ndim();
+    for (py::ssize_t i = 0; i < n; ++i) e[static_cast<std::size_t>(i)] = static_cast<std::uint64_t>(a.shape(n - 1 - i));
+    return e;
+}
+
+bool isNativeCContiguous(const py::array& a) {
+    return (a.flags() & py::array::c_style) && (a.flags() & py::detail::npy_api::NPY_ARRAY_ALIGNED_) && a.dtype().byteorder() != '>';
+}
+
+// The input as a C-contiguous, aligned, native-order array: itself when it already is (zero copy),
+// else one copy. Checks its type and number of axes.
+py::array checkedInput(const py::object& object, VoxelTypes& type) {
+    if (!py::isinstance<py::array>(object))
+        throw py::type_error("image: expected a numpy.ndarray, not " + std::string(py::str(object.get_type().attr("__name__"))));
+    py::array a = py::reinterpret_borrow<py::array>(object);
+    if (!voxelTypeOf(a.dtype(), type))
+        throw py::type_error("image: dtype " + std::string(py::str(a.dtype())) +
+                             " is not served (bool, uint8, uint16, uint32, uint64, int8, int16, int32, int64, float32, "
+                             "float64)");
+    if (a.ndim() < 2 || a.ndim() > 5)
+        valueError("image: expected 2 to 5 axes ((rows, cols) ... (axis4, axis3, plans, rows, cols)), got " +
+                   std::to_string(a.ndim()));
+    if (isNativeCContiguous(a)) return a;
+    py::module_ np = py::module_::import("numpy");
+    py::dtype native = a.dtype().attr("newbyteorder")("=");
+    return np.attr("ascontiguousarray")(a, native);
+}
+
+// `out`: C-contiguous, writeable, of the input's dtype and shape.
+py::array checkedOutput(const py::object& object, const py::array& input) {
+    if (!py::isinstance<py::array>(object))
+        throw py::type_error("out: expected a numpy.ndarray, not " + std::string(py::str(object.get_type().attr("__name__"))));
+    py::array out = py::reinterpret_borrow<py::array>(object);
+    if (!out.dtype().equal(input.dtype()))
+        valueError("out: dtype " + std::string(py::str(out.dtype())) + " differs from the image's " +
+                   std::string(py::str(input.dtype())));
+    bool sameShape = out.ndim() == input.ndim();
+    for (py::ssize_t i = 0; sameShape && i < out.ndim(); ++i) sameShape = out.shape(i) == input.shape(i);
+    if (!sameShape)
+        valueError("out: shape " + std::string(py::str(out.attr("shape"))) + " differs from the image's " +
+                   std::string(py::str(input.attr("shape"))));
+    if (!isNativeCContiguous(out)) valueError("out: must be C-contiguous, aligned and in native byte order");
+    if (!out.writeable()) valueError("out: is read-only");
+    return out;
+}
+
+// Counts voxels; zero when any axis is empty.
+bool isEmpty(const py::array& a) { return a.size() == 0; }
+
+class LatestProgress : public ProgressObserver {
+public:
+    void onProgress(double fraction) override {
+        double seen = m_latest.load(std::memory_order_relaxed);
+        while (fraction > seen && !m_latest.compare_exchange_weak(seen, fraction)) {
+        }
+    }
+    double latest() const { return m_latest.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<double> m_latest{-1.0};
+};
+
+// A Python exception taken out of the interpreter (GIL held) so it can be raised again later.
+struct PendingError {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    bool set() const { return type != nullptr; }
+    void fetch() { PyErr_Fetch(&type, &value, &traceback); }
+    [[noreturn]] void raise() {
+        PyErr_Restore(type, value, traceback);
+        type = value = traceback = nullptr;
+        throw py::error_already_set();
+    }
+};
+
+[[noreturn]] void raiseHostError(PyObject* cls, const Exception& e) {
+    const Exception::ExceptionInfo info = e.getInfo(true);
+    py::object error = py::reinterpret_borrow<py::object>(cls)(info.message);
+    error.attr("kind") = e.kind();
+    error.attr("file") = info.file;
+    error.attr("line") = info.line;
+    PyErr_SetObject(cls, error.ptr());
+    throw py::error_already_set();
+}
+
+// Runs `algo` on a worker thread. The calling thread releases the GIL and wakes every few
+// milliseconds to check for signals (KeyboardInterrupt) and the cancel event and to hand progress
+// to `progress`, so Python code only ever runs on the calling thread, never on the host's workers.
+void execute(BaseAlgorithm& algo, const py::object& progress, const py::object& cancel) {
+    LatestProgress observer;
+    const bool wantsProgress = !progress.is_none();
+    algo.setProgressObserver(&observer);
+    std::mutex mutex;
+    std::condition_variable finishedCv;
+    bool finished = false;
+    std::exception_ptr failure;
+    PendingError pending;
+    bool cancelledByEvent = false;
+    double reported = -1.0;
+    {
+        py::gil_scoped_release release;
+        std::thread worker([&] {
+            try {
+                algo.execute();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            finished = true;
+            finishedCv.notify_all();
+        });
+        bool stopping = false;
+        for (;;) {
+            bool done;
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                done = finishedCv.wait_for(lock, std::chrono::milliseconds(10), [&] { return finished; });
+            }
+            if (!stopping) {
+                py::gil_scoped_acquire acquire;
+                if (PyErr_CheckSignals() != 0) {
+                    pending.fetch();
+                    stopping = true;
+                } else if (!cancel.is_none()) {
+                    PyObject* isSet = PyObject_CallMethod(cancel.ptr(), "is_set", nullptr);
+                    if (!isSet) {
+                        pending.fetch();
+                        stopping = true;
+                    } else {
+                        stopping = cancelledByEvent = PyObject_IsTrue(isSet) == 1;
+                        Py_DECREF(isSet);
+                    }
+                }
+                const double fraction = observer.latest();
+                if (!stopping && wantsProgress && fraction > reported && (fraction < 1.0 || done)) {
+                    reported = fraction;
+                    PyObject* r = PyObject_CallFunction(progress.ptr(), "d", fraction);
+                    if (!r) {
+                        pending.fetch();
+                        stopping = true;
+                    }
+                    Py_XDECREF(r);
+                }
+            }
+            if (done) break;
+            // Repeated until the worker ends: execute() clears the request when it starts.
+            if (stopping) algo.cancelExecution();
+        }
+        worker.join();
+    }
+    algo.setProgressObserver(nullptr);
+    if (pending.set()) pending.raise();
+    if (failure) {
+        try {
+            std::rethrow_exception(failure);
+        } catch (const ExceptionCancelation& e) {
+            if (cancelledByEvent) raiseHostError(g_cancelled, e);
+            throw;  // cancelled with no Python reason: should not happen, but do not hide it
+        } catch (const RuleException& e) {
+            raiseHostError(g_ruleError, e);
+        } catch (const Exception& e) {
+            raiseHostError(g_computationError, e);
+        } catch (const std::bad_alloc&) {
+            PyErr_NoMemory();
+            throw py::error_already_set();
+        }
+    }
+    if (cancelledByEvent) {
+        // The event was set after the last check the algorithm made: the result is whole, but the
+        // caller asked to stop, so report it the same way.
+        PyErr_SetString(g_cancelled, "The operation was cancelled.");
+        throw py::error_already_set();
+    }
+    if (wantsProgress && reported < 1.0) progress(1.0);
+}
+
+void applyCommon(BaseAlgorithm& algo, int threads, bool generic) {
+    if (threads > 0) algo.setMaxThreads(threads);
+    if (generic) algo.setUsePlugin(false);
+}
+
+py::object runMorphology(bool dilate, const py::object& imageObject, const std::string& shape, const ShapeValues& values,
+                      const py::object& outObject, int threads, bool generic, const py::object& progress,
+                      const py::object& cancel) {
+    VoxelTypes type;
+    py::array input = checkedInput(imageObject, type);
+    const Extents extents = extentsOf(input);
+    std::unique_ptr<MorphologyRun> run = makeMorphology(shape, values, dilate, extents);
+    py::array out;
+    if (outObject.is_none()) out = py::array(input.dtype(), std::vector<py::ssize_t>(input.shape(), input.shape() + input.ndim()));
+    else {
+        out = checkedOutput(outObject, py::reinterpret_borrow<py::array>(imageObject));
+        // An output that overlaps the input without being it would be read after being written.
+        if (out.data() != input.data()) {
+            py::module_ np = py::module_::import("numpy");
+            if (np.attr("may_share_memory")(out, input).cast<bool>()) input = np.attr("array")(input);
+        }
+    }
+    const bool inPlace = out.data() == input.data();
+    if (isEmpty(input) || run->isIdentity()) {
+        // Zero passes leave the output untouched, so the copy is ours.
+        if (!inPlace) std::memcpy(out.mutable_data(), input.data(), static_cast<std::size_t>(input.nbytes()));
+        if (!progress.is_none()) progress(1.0);
+        return std::move(out);
+    }
+    MemoryImage in(const_cast<void*>(input.data()), type, extents);
+    MemoryImage result(out.mutable_data(), type, extents);
+    run->bind(&in, inPlace ? &in : &result);
+    applyCommon(run->algorithm(), threads, generic);
+    execute(run->algorithm(), progress, cancel);
+    return std::move(out);
+}
+
+py::object runExtrema(const py::object& imageObject, int mode, int threads, bool generic, const py::object& progress,
+                   const py::object& cancel) {
+    VoxelTypes type;
+    py::array input = checkedInput(imageObject, type);
+    const Extents extents = extentsOf(input);
+    if (isEmpty(input)) valueError("image: is empty, it has no extrema");
+    MemoryImage in(const_cast<void*>(input.data()), type, extents);
+    analysis::IntensityExtrema algo;
+    analysis::IntensityExtremaMsr msr;
+    algo.inputImage = &in;
+    algo.rangeMode = mode;
+    algo.result = &msr;
+    applyCommon(algo, threads, generic);
+    execute(algo, progress, cancel);
+    // (plans, axis3, axis4) with plans fastest, as the measurement stores them.
+    const auto& shape = msr.minimum().shape();
+    py::array_t<double> lo({shape[2], shape[1], shape[0]});
+    py::array_t<double> hi({shape[2], shape[1], shape[0]});
+    std::copy(msr.minimum().values().begin(), msr.minimum().values().end(), lo.mutable_data());
+    std::copy(msr.maximum().values().begin(), msr.maximum().values().end(), hi.mutable_data());
+    return py::make_tuple(lo, hi);
+}
+
+py::dict info() {
+    Plugin::ensureStarted();
+    const devices::Cpu& cpu = devices::Cpu::getDevice();
+    py::dict d;
+    py::dict processor;
+    processor["brand"] = cpu.brand();
+    py::list features;
+    std::string f = cpu.features();
+    for (std::size_t i = 0; i < f.size();) {
+        std::size_t j = f.find(' ', i);
+        if (j == std::string::npos) j = f.size();
+        if (j > i) features.append(f.substr(i, j - i));
+        i = j + 1;
+    }
+    processor["features"] = features;
+    processor["avx_level"] = cpu.getAVXLevel();
+    processor["detected_avx_level"] = cpu.detectedAVXLevel();
+    d["processor"] = processor;
+    py::dict plugin;
+    plugin["enabled"] = Plugin::isEnabled();
+    plugin["loaded"] = Plugin::isLoaded();
+    plugin["path"] = Plugin::isLoaded() ? py::object(py::str(Plugin::loadedPath())) : py::object(py::none());
+    plugin["error"] = Plugin::isLoaded() || Plugin::lastError().empty() ? py::object(py::none())
+                                                                         : py::object(py::str(Plugin::lastError()));
+    d["plugin"] = plugin;
+    py::dict runners;
+    for (const char* name : algorithmClassNames()) {
+        py::list list;
+        if (AlgoInfo* algoInfo = AlgoRegistry::getClassInfo(name))
+            for (Runnable* r : algoInfo->getRunners()) list.append(runnerName(r));
+        runners[name] = list;
+    }
+    d["runners"] = runners;
+    d["version"] = "0.1.0";
+    return d;
+}
+
+} // namespace
+
+} // namespace python
+} // namespace lyn
+
+PYBIND11_MODULE(_lyn, m) {
+    using namespace lyn;
+    using namespace lyn::python;
+    m.doc() = "Compiled core of the lyn package; use the functions of `lyn` itself.";
+
+    g_error = PyErr_NewExceptionWithDoc("lyn.Error", "A failure inside lyn's computation.", PyExc_RuntimeError, nullptr);
+    g_computationError = PyErr_NewExceptionWithDoc("lyn.ComputationError",
+                                                   "The host raised an error while computing.", g_error, nullptr);
+    g_ruleError = PyErr_NewExceptionWithDoc("lyn.RuleError", "The host refused the request's parameters.", g_error,
+                                            nullptr);
+    g_cancelled = PyErr_NewExceptionWithDoc("lyn.Cancelled", "The computation was cancelled through `cancel`.",
+                                            g_error, nullptr);
+    m.add_object("Error", py::handle(g_error));
+    m.add_object("ComputationError", py::handle(g_computationError));
+    m.add_object("RuleError", py::handle(g_ruleError));
+    m.add_object("Cancelled", py::handle(g_cancelled));
+
+    py::class_<ShapeValues>(m, "ShapeValues")
+        .def(py::init<>())
+        .def_readwrite("radius", &ShapeValues::radius)
+        .def_readwrite("connectivity", &ShapeValues::connectivity)
+        .def_readwrite("length", &ShapeValues::length)
+        .def_readwrite("angle", &ShapeValues::angle)
+        .def_readwrite("angle1", &ShapeValues::angle1)
+        .def_readwrite("angle2", &ShapeValues::angle2)
+        .def_readwrite("exact", &ShapeValues::exact)
+        // Chunked arrays send the values to worker processes.
+        .def(py::pickle(
+            [](const ShapeValues& v) {
+                return py::make_tuple(v.radius, v.connectivity, v.length, v.angle, v.angle1, v.angle2, v.exact);
+            },
+            [](const py::tuple& t) {
+                if (t.size() != 7) throw py::value_error("values: not a pickled ShapeValues");
+                ShapeValues v;
+                v.radius = t[0].cast<long>();
+                v.connectivity = t[1].cast<long>();
+                v.length = t[2].cast<long>();
+                v.angle = t[3].cast<double>();
+                v.angle1 = t[4].cast<double>();
+                v.angle2 = t[5].cast<double>();
+                v.exact = t[6].cast<bool>();
+                return v;
+            }));
+
+    m.def("morphology", &runMorphology, py::arg("dilate"), py::arg("image"), py::arg("shape"), py::arg("values"),
+          py::arg("out"), py::arg("threads"), py::arg("generic"), py::arg("progress"), py::arg("cancel"));
+    m.def("extrema", &runExtrema, py::arg("image"), py::arg("mode"), py::arg("threads"), py::arg("generic"),
+          py::arg("progress"), py::arg("cancel"));
+    m.def("info", &info);
+    m.def("shapes", &shapeTable, "Every shape: name -> (dimensions, options it takes, options it requires).");
+    m.def("reach", &shapeReach, py::arg("shape"), py::arg("values"), py::arg("dimensions"),
+          "How far the shape reaches from the origin along (plans, rows, cols).");
+}

@@ -1,0 +1,108 @@
+"""lyn.dask against the in-memory calls: bit for bit, whatever the chunking and the scheduler."""
+import numpy as np
+import pytest
+
+da = pytest.importorskip("dask.array")
+
+import lyn
+import lyn.dask
+from conftest import available, random_image, same_bits
+
+# (shape, options, extent, chunkings): uneven chunks, chunks of 1, chunks smaller than the reach.
+CASES = [
+    ("square", {"radius": 3}, (23, 41), [(5, 7), (1, 3), (23, 2), ((3, 9, 11), (20, 21))]),
+    ("square", {"radius": 2, "connectivity": 4}, (3, 23, 41), [(1, 4, 9), (2, 23, 1)]),
+    ("cube", {}, (11, 17, 29), [(3, 5, 7), (1, 1, 29), (11, 17, 1)]),
+    ("cube", {"radius": 4, "connectivity": 6}, (11, 17, 29), [(2, 3, 5), (4, 17, 6)]),
+    ("cube", {"radius": 2, "connectivity": 18}, (2, 9, 10, 13), [(1, 2, 3, 4)]),
+    ("cube", {"radius": 20}, (5, 9, 13), [(2, 4, 6)]),
+    ("ball", {"radius": 3}, (11, 17, 29), [(4, 5, 7), (2, 2, 2)]),
+    ("ball", {"radius": 2, "exact": True}, (11, 17, 29), [(3, 5, 7)]),
+    ("disk", {"radius": 3}, (23, 41), [(5, 7), (2, 2)]),
+    ("line", {"length": 9, "angle": 30.0}, (23, 41), [(5, 7), (3, 2)]),
+    ("line3d", {"length": 7, "angles": (30.0, 60.0)}, (11, 17, 29), [(3, 5, 7)]),
+    ("disk3d", {"radius": 3, "angles": (10.0, 45.0)}, (11, 17, 29), [(3, 5, 7)]),
+]
+
+
+@pytest.mark.parametrize("case", CASES, ids=lambda c: c[0] + "".join(f"-{k}{v}" for k, v in c[1].items()))
+@pytest.mark.parametrize("dtype", [np.uint8, np.int16, np.float32, np.float64])
+def test_equals_the_in_memory_call_whatever_the_chunking(case, dtype):
+    shape, options, extent, chunkings = case
+    if not available(shape, **options):
+        pytest.skip(f"{shape} is not computed by this build")
+    image = random_image(extent, dtype)
+    for op in ("dilate", "erode"):
+        expected = getattr(lyn, op)(image, shape, **options)
+        for chunks in chunkings:
+            lazy = getattr(lyn.dask, op)(da.from_array(image, chunks=chunks), shape, **options)
+            assert lazy.dtype == image.dtype and lazy.shape == image.shape
+            got = lazy.compute(scheduler="threads")
+            assert same_bits(got, expected), (op, chunks)
+
+
+def test_depth_is_the_reach_clipped_to_the_extent():
+    x = da.zeros((3, 40, 50), dtype=np.uint8, chunks=10)
+    assert lyn.dask.depth(x, "cube", radius=5) == {0: 2, 1: 5, 2: 5}
+    assert lyn.dask.depth(x, "square", radius=5) == {0: 0, 1: 5, 2: 5}
+
+
+EXTREMA_PER = [None, ("plan",), ("axis3",), ("plan", "axis4"), ("plan", "axis3", "axis4")]
+
+
+@pytest.mark.parametrize("per", EXTREMA_PER, ids=str)
+@pytest.mark.parametrize("dtype", [np.uint16, np.int32, np.float64])
+def test_extrema_equals_the_in_memory_call(per, dtype):
+    data = random_image((2, 3, 5, 9, 11), dtype)
+    if np.dtype(dtype).kind == "f":
+        data[1, 2, 3] = np.nan  # one element with no value
+    expected = lyn.extrema(data, per=per)
+    got = lyn.dask.extrema(da.from_array(data, chunks=(1, 2, 2, 4, 5)), per=per)
+    if per is None:
+        assert got == expected
+        assert all(type(g) is type(e) for g, e in zip(got, expected))
+    else:
+        for g, e in zip(got, expected):
+            assert g.dtype == e.dtype and g.shape == e.shape
+            assert np.array_equal(g, e, equal_nan=True)
+
+
+def test_extrema_on_a_volume_with_nan_chunks():
+    volume = random_image((6, 8, 10), np.float32, specials=False)
+    volume[:3] = np.nan
+    assert lyn.dask.extrema(da.from_array(volume, chunks=3)) == lyn.extrema(volume)
+
+
+def test_errors_are_raised_when_the_graph_is_built():
+    x = da.zeros((8, 8), dtype=np.uint8, chunks=4)
+    with pytest.raises(ValueError, match="radius"):
+        lyn.dask.dilate(x, "square", radius=-2)
+    with pytest.raises(TypeError, match="array"):
+        lyn.dask.dilate(np.zeros((8, 8)), "square")
+    with pytest.raises(TypeError, match="complex"):
+        lyn.dask.erode(da.zeros((8, 8), dtype=np.complex64, chunks=4), "square")
+    with pytest.raises(ValueError, match="empty"):
+        lyn.dask.extrema(da.zeros((0, 8), dtype=np.uint8, chunks=4))
+
+
+@pytest.fixture(scope="module")
+def client():
+    distributed = pytest.importorskip("distributed")
+    cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None,
+                                       silence_logs=50)
+    c = distributed.Client(cluster)
+    yield c
+    c.close()
+    cluster.close()
+
+
+def test_runs_on_a_local_cluster_of_two_worker_processes(client):
+    volume = random_image((20, 33, 47), np.int16)
+    x = da.from_array(volume, chunks=(6, 10, 13))
+    lazy = lyn.dask.dilate(x, "cube", radius=2, connectivity=18)
+    assert same_bits(client.compute(lazy).result(), lyn.dilate(volume, "cube", radius=2, connectivity=18))
+    lo, hi = client.compute(list(lyn.dask.extrema(x, per=("plan",), compute=False)), sync=True)
+    for g, e in zip((lo, hi), lyn.extrema(volume, per=("plan",))):
+        assert g.dtype == e.dtype and np.array_equal(g, e)
+    assert lyn.dask.extrema(x) == lyn.extrema(volume)  # the client is the default scheduler now
+    assert len(client.scheduler_info()["workers"]) == 2

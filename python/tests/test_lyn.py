@@ -1,0 +1,303 @@
+"""lyn's Python package against the command-line tool, and its own contract: out=, in place,
+copies, errors, progress, cancellation, extrema."""
+import _thread
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import lyn
+from conftest import DTYPES, available, random_image, same_bits
+
+# (shape, options, image shape). Odd extents around the vector widths.
+SHAPE_CASES = [
+    ("square", {}, (29, 37)),
+    ("square", {"radius": 2, "connectivity": 4}, (29, 37)),
+    ("square", {"radius": 3, "connectivity": 8}, (31, 70)),
+    ("cube", {}, (9, 17, 23)),
+    ("cube", {"radius": 2, "connectivity": 6}, (9, 17, 23)),
+    ("cube", {"radius": 2, "connectivity": 18}, (9, 17, 35)),
+    ("disk", {"radius": 3}, (29, 37)),
+    ("disk", {"radius": 4, "exact": True}, (29, 37)),
+    ("ball", {"radius": 2}, (9, 17, 23)),
+    ("ball", {"radius": 3, "exact": True}, (9, 17, 23)),
+    ("line", {"length": 7, "angle": 30.0}, (29, 37)),
+    ("disk3d", {"radius": 2, "angles": (30.0, 60.0)}, (9, 17, 23)),
+    ("line3d", {"length": 5, "angles": (30.0, 60.0)}, (9, 17, 23)),
+]
+
+
+def tool_args(shape, options):
+    args = ["--shape", shape]
+    for k, v in options.items():
+        if k == "exact":
+            args += ["--exact"] if v else []
+        elif k == "angles":
+            args += ["--angles", f"{v[0]},{v[1]}"]
+        else:
+            args += [f"--{k}", v]
+    return args
+
+
+def case_id(case):
+    shape, options, _ = case
+    return shape + "".join(f"-{k}{v}" for k, v in options.items())
+
+
+@pytest.mark.parametrize("case", SHAPE_CASES, ids=case_id)
+def test_every_shape_and_dtype_matches_the_tool(case, tool, tmp_path):
+    shape, options, extent = case
+    if not available(shape, **options):
+        pytest.skip(f"{shape} is not computed by this build")
+    for op in ("dilate", "erode"):
+        for i, dtype in enumerate(DTYPES):
+            image = random_image(extent, dtype, seed=i)
+            src, dst = tmp_path / f"in-{i}.npy", tmp_path / f"out-{op}-{i}.npy"
+            np.save(src, image)
+            tool(op, src, dst, *tool_args(shape, options))
+            expected = np.load(dst)
+            got = getattr(lyn, op)(image, shape, **options)
+            assert same_bits(got, expected), (op, np.dtype(dtype).name)
+            assert same_bits(getattr(lyn, op)(image, shape, generic=True, threads=1, **options), expected)
+
+
+def test_bool_images_follow_their_uint8_values():
+    image = random_image((3, 21, 19), bool)
+    for op in (lyn.dilate, lyn.erode):
+        got = op(image, "cube")
+        assert got.dtype == bool
+        assert np.array_equal(got, op(image.view(np.uint8), "cube").astype(bool))
+
+
+def test_a_2d_shape_on_a_volume_works_plan_by_plan_and_a_3d_shape_on_an_image_as_one_plan():
+    volume = random_image((4, 19, 21), np.int16)
+    got = lyn.dilate(volume, "square", radius=2)
+    for z in range(volume.shape[0]):
+        assert same_bits(got[z], lyn.dilate(volume[z], "square", radius=2))
+    image = volume[0]
+    assert same_bits(lyn.erode(image, "cube", radius=2), lyn.erode(image[None], "cube", radius=2)[0])
+
+
+def test_four_and_five_axes_are_sequences_of_volumes():
+    data = random_image((2, 3, 5, 9, 11), np.float32)
+    got = lyn.dilate(data, "cube")
+    for l in range(2):
+        for s in range(3):
+            assert same_bits(got[l, s], lyn.dilate(data[l, s], "cube"))
+
+
+@pytest.mark.parametrize("dtype", [np.uint8, np.float64])
+def test_out_and_in_place_give_the_same_bits(dtype):
+    image = random_image((7, 33, 41), dtype)
+    expected = lyn.erode(image, "cube", radius=2)
+    out = np.empty_like(image)
+    assert lyn.erode(image, "cube", radius=2, out=out) is out
+    assert same_bits(out, expected)
+    inplace = image.copy()
+    assert lyn.erode(inplace, "cube", radius=2, out=inplace) is inplace
+    assert same_bits(inplace, expected)
+
+
+def test_an_out_overlapping_the_input_without_being_it_reads_the_input_first():
+    buf = random_image((40, 64), np.int32)
+    image = buf[:32]
+    expected = lyn.dilate(image, "square", radius=3)
+    lyn.dilate(image, "square", radius=3, out=buf[8:])
+    assert same_bits(buf[8:], expected)
+
+
+def test_non_contiguous_and_foreign_byte_order_inputs_are_read_correctly():
+    base = random_image((10, 30, 44), np.float32)
+    expected = lyn.dilate(base[:, ::2, 1::3].copy(), "cube")
+    assert same_bits(lyn.dilate(base[:, ::2, 1::3], "cube"), expected)
+    fortran = np.asfortranarray(base)
+    assert same_bits(lyn.dilate(fortran, "cube"), lyn.dilate(base, "cube"))
+    swapped = base.astype(base.dtype.newbyteorder(">"))
+    assert np.array_equal(lyn.dilate(swapped, "cube"), lyn.dilate(base, "cube"), equal_nan=True)
+    before = base.copy()
+    lyn.dilate(base[:, ::2], "cube")
+    assert same_bits(base, before)  # inputs are never modified
+
+
+def test_radius_zero_returns_a_copy_into_a_new_array_or_out():
+    image = random_image((5, 9, 13), np.float64)
+    got = lyn.dilate(image, "cube", radius=0)
+    assert got is not image and same_bits(got, image)
+    out = np.zeros_like(image)
+    assert lyn.erode(image, "square", radius=0, out=out) is out and same_bits(out, image)
+    assert same_bits(lyn.dilate(image[:, ::2], "cube", radius=0), image[:, ::2].copy())
+    assert same_bits(lyn.dilate(image, "cube", radius=0, out=image), out)
+
+
+def test_empty_images_give_empty_results():
+    for shape in [(0, 5), (3, 0, 4)]:
+        got = lyn.dilate(np.zeros(shape, np.uint8), "cube")
+        assert got.shape == shape and got.dtype == np.uint8
+
+
+a2 = np.zeros((8, 8), np.uint8)
+ERRORS = [
+    (lambda: lyn.dilate(a2, "star"), ValueError, "shape"),
+    (lambda: lyn.dilate(a2, "square", radius=-1), ValueError, "radius"),
+    (lambda: lyn.dilate(a2, "square", radius=1.5), ValueError, "radius"),
+    (lambda: lyn.dilate(a2, "square", radius="2"), ValueError, "radius"),
+    (lambda: lyn.dilate(a2, "square", connectivity=6), ValueError, "connectivity"),
+    (lambda: lyn.dilate(a2, "cube", connectivity=8), ValueError, "connectivity"),
+    (lambda: lyn.dilate(a2, "cube", length=3), ValueError, "length"),
+    (lambda: lyn.dilate(a2, "square", exact=True), ValueError, "exact"),
+    (lambda: lyn.dilate(a2, "disk"), ValueError, "radius"),
+    (lambda: lyn.dilate(a2, "line", length=0), ValueError, "length"),
+    (lambda: lyn.dilate(a2, "line", length=3, angle=float("nan")), ValueError, "angle"),
+    (lambda: lyn.dilate(a2, "line3d", length=3, angles=(1.0,)), ValueError, "angles"),
+    (lambda: lyn.dilate(a2, "square", threads=0), ValueError, "threads"),
+    (lambda: lyn.dilate(a2, "square", progress=3), ValueError, "progress"),
+    (lambda: lyn.dilate(a2, "square", cancel=object()), ValueError, "cancel"),
+    (lambda: lyn.dilate(a2, "square", out=np.zeros((8, 9), np.uint8)), ValueError, "out"),
+    (lambda: lyn.dilate(a2, "square", out=np.zeros((8, 8), np.int8)), ValueError, "out"),
+    (lambda: lyn.dilate(a2, "square", out=np.zeros((8, 16), np.uint8)[:, ::2]), ValueError, "out"),
+    (lambda: lyn.dilate(np.zeros(8, np.uint8), "square"), ValueError, "image"),
+    (lambda: lyn.dilate(np.zeros((1,) * 6, np.uint8), "square"), ValueError, "image"),
+    (lambda: lyn.dilate(np.zeros((4, 4), np.complex64), "square"), TypeError, "complex64"),
+    (lambda: lyn.dilate(np.zeros((4, 4), np.float16), "square"), TypeError, "float16"),
+    (lambda: lyn.dilate([[1, 2], [3, 4]], "square"), TypeError, "image"),
+    (lambda: lyn.extrema(np.zeros((0, 4), np.uint8)), ValueError, "empty"),
+    (lambda: lyn.extrema(a2, per=("row",)), ValueError, "per"),
+    (lambda: lyn.extrema(np.zeros((4, 4), object)), TypeError, "object"),
+]
+
+
+@pytest.mark.parametrize("call,error,word", ERRORS, ids=range(len(ERRORS)))
+def test_bad_arguments_raise_an_error_naming_them(call, error, word):
+    with pytest.raises(error, match=word):
+        call()
+
+
+def test_read_only_out_is_refused():
+    out = np.zeros((8, 8), np.uint8)
+    out.flags.writeable = False
+    with pytest.raises(ValueError, match="out"):
+        lyn.dilate(a2, "square", out=out)
+
+
+def test_host_failures_raise_lyn_errors_carrying_the_host_message(monkeypatch):
+    # A grain-size setting the host refuses surfaces as the host's RuleException.
+    monkeypatch.setenv("LYN_GRAIN_SIZES", "1,0,1")
+    with pytest.raises(lyn.Error, match="LYN_GRAIN_SIZES") as info:
+        lyn.dilate(np.zeros((4, 16, 16), np.uint8), "cube")
+    assert isinstance(info.value, lyn.RuleError) and info.value.kind == "RuleException"
+
+
+def long_volume():
+    return random_image((128, 128, 128), np.uint8, specials=False)
+
+
+def test_progress_increases_to_one():
+    seen = []
+    lyn.dilate(random_image((40, 64, 64), np.uint8), "cube", radius=3, progress=seen.append, generic=True)
+    assert seen and seen[-1] == 1.0
+    assert all(a < b for a, b in zip(seen, seen[1:]))
+    assert all(0.0 <= f <= 1.0 for f in seen)
+
+
+def test_a_cancel_event_set_from_another_thread_stops_the_run():
+    seen, cancel = [], threading.Event()
+    timer = threading.Timer(0.3, cancel.set)
+    timer.start()
+    t0 = time.monotonic()
+    with pytest.raises(lyn.Cancelled):
+        lyn.dilate(long_volume(), "cube", radius=60, generic=True, threads=1, progress=seen.append, cancel=cancel)
+    assert time.monotonic() - t0 < 20
+    assert not seen or seen[-1] < 1.0
+
+
+def test_keyboard_interrupt_cancels_the_run():
+    seen = []
+    timer = threading.Timer(0.3, _thread.interrupt_main)
+    timer.start()
+    with pytest.raises(KeyboardInterrupt):
+        lyn.erode(long_volume(), "cube", radius=60, generic=True, threads=1, progress=seen.append)
+    timer.join()
+    assert not seen or seen[-1] < 1.0
+
+
+def test_an_exception_in_progress_cancels_and_propagates():
+    def progress(f):
+        raise RuntimeError("stop here")
+
+    with pytest.raises(RuntimeError, match="stop here"):
+        lyn.dilate(long_volume(), "cube", radius=60, generic=True, threads=1, progress=progress)
+
+
+def test_the_gil_is_released_while_computing():
+    volume = long_volume()
+    done, ticks = threading.Event(), [0]
+
+    def work():
+        lyn.dilate(volume, "cube", radius=8, generic=True, threads=1)
+        done.set()
+
+    t = threading.Thread(target=work)
+    t.start()
+    while not done.is_set():
+        ticks[0] += 1
+        time.sleep(0.001)
+    t.join()
+    assert ticks[0] > 20
+
+
+EXTREMA_CASES = [
+    (np.array([[3, -7], [5, 2]], np.int8), -7, 5),
+    (np.array([[0, 2**32 - 1]], np.uint32), 0, 2**32 - 1),
+    (np.array([[-(2**31), 7]], np.int32), -(2**31), 7),
+    (np.array([[1.5, np.nan], [-np.inf, 2.0]], np.float64), -np.inf, 2.0),
+    (np.array([[np.nan, np.inf], [1.0, np.nan]], np.float32), 1.0, np.inf),
+    (np.array([[True, False]]), 0, 1),
+]
+
+
+@pytest.mark.parametrize("image,lo,hi", EXTREMA_CASES, ids=range(len(EXTREMA_CASES)))
+def test_extrema_are_exact_python_numbers(image, lo, hi):
+    got = lyn.extrema(image)
+    assert got == (lo, hi)
+    wanted = float if image.dtype.kind == "f" else int
+    assert all(type(v) is wanted for v in got)
+
+
+def test_extrema_of_only_nan_is_nan():
+    lo, hi = lyn.extrema(np.full((3, 4), np.nan, np.float32))
+    assert np.isnan(lo) and np.isnan(hi)
+
+
+def test_extrema_per_plan_and_axes():
+    data = random_image((2, 3, 4, 5, 6), np.int16)
+    lo, hi = lyn.extrema(data, per=("plan", "axis3", "axis4"))
+    assert lo.shape == (4, 3, 2) and lo.dtype == np.int64
+    assert np.array_equal(lo, data.min(axis=(3, 4)).transpose(2, 1, 0))
+    assert np.array_equal(hi, data.max(axis=(3, 4)).transpose(2, 1, 0))
+    lo, hi = lyn.extrema(data, per="axis3")
+    assert lo.shape == (1, 3, 1) and np.array_equal(lo[0, :, 0], data.min(axis=(0, 2, 3, 4)))
+    volume = random_image((3, 5, 7), np.float32, specials=False)
+    volume[1] = np.nan
+    lo, hi = lyn.extrema(volume, per=("plan",))
+    assert lo.dtype == np.float64 and lo.shape == (3, 1, 1)
+    assert np.isnan(lo[1, 0, 0]) and np.isnan(hi[1, 0, 0])
+    assert lo[0, 0, 0] == volume[0].min() and hi[2, 0, 0] == volume[2].max()
+
+
+def test_extrema_with_and_without_the_plug_in_agree():
+    for i, dtype in enumerate(DTYPES):
+        image = random_image((6, 31, 45), dtype, seed=i)
+        a = lyn.extrema(image, per=("plan",))
+        b = lyn.extrema(image, per=("plan",), generic=True)
+        assert all(same_bits(x, y) for x, y in zip(a, b))
+
+
+def test_info_reports_the_plug_in_and_runners():
+    info = lyn.info()
+    assert set(info) >= {"processor", "plugin", "runners"}
+    assert isinstance(info["processor"]["features"], list)
+    assert info["plugin"]["loaded"] == (info["plugin"]["path"] is not None)
+    assert "lyn::morphology::Dilation3d" in info["runners"]
+    if info["plugin"]["loaded"]:
+        assert info["plugin"]["path"].endswith(".so")
