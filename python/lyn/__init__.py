@@ -10,7 +10,7 @@ import numbers
 from . import _lyn
 from ._lyn import Cancelled, ComputationError, Error, RuleError
 
-__all__ = ["dilate", "erode", "extrema", "info", "shapes", "Error", "ComputationError", "RuleError", "Cancelled"]
+__all__ = ["dilate", "erode", "extrema", "info", "shapes", "empty", "empty_like", "Error", "ComputationError", "RuleError", "Cancelled"]
 __version__ = "0.1.0"
 
 _AXES = {"plan": 1, "axis4": 2, "axis3": 4}
@@ -173,6 +173,26 @@ def extrema(image, per=None, *, threads=None, generic=False, progress=None, canc
         dtype = np.uint64 if kind == "u" else np.int64
         lo, hi = lo.astype(dtype), hi.astype(dtype)
     return lo, hi
+
+
+def empty(shape, dtype):
+    """An uninitialised C-contiguous array for `out=`, its data aligned for the fastest writes.
+
+    Arrays from numpy.empty work too; lyn's own outputs are allocated this way.
+    """
+    import numpy as np
+
+    if isinstance(shape, numbers.Integral):
+        shape = (shape,)
+    return _lyn.empty(np.dtype(dtype), [int(n) for n in shape])
+
+
+def empty_like(image):
+    """`lyn.empty` of the image's shape and dtype (in native byte order)."""
+    import numpy as np
+
+    image = np.asarray(image)
+    return empty(image.shape, image.dtype.newbyteorder("="))
 
 
 def info():

@@ -104,6 +104,24 @@ py::array checkedOutput(const py::object& object, const py::array& input) {
     return out;
 }
 
+// An uninitialised C-contiguous array whose data starts on a 64-byte boundary: the plug-in writes
+// rows that start on a vector boundary with streaming stores, which spare the memory bus the reads
+// that ordinary stores of a large output cost.
+py::array alignedEmpty(const py::dtype& dtype, const std::vector<py::ssize_t>& shape) {
+    constexpr py::ssize_t kAlign = 64;
+    py::ssize_t count = 1;
+    for (py::ssize_t n : shape) {
+        if (n < 0) valueError("shape: extents must not be negative");
+        count *= n;
+    }
+    const py::ssize_t bytes = count * dtype.itemsize();
+    py::array_t<std::uint8_t> buffer(bytes + kAlign);
+    const auto address = reinterpret_cast<std::uintptr_t>(buffer.data());
+    const py::ssize_t offset = static_cast<py::ssize_t>((kAlign - address % kAlign) % kAlign);
+    py::object slice = buffer[py::slice(offset, offset + bytes, 1)];
+    return slice.attr("view")(dtype).attr("reshape")(py::tuple(py::cast(shape)));
+}
+
 // Counts voxels; zero when any axis is empty.
 bool isEmpty(const py::array& a) { return a.size() == 0; }
 
@@ -248,7 +266,7 @@ py::object runMorphology(bool dilate, const py::object& imageObject, const std::
     const Extents extents = extentsOf(input);
     std::unique_ptr<MorphologyRun> run = makeMorphology(shape, values, dilate, extents);
     py::array out;
-    if (outObject.is_none()) out = py::array(input.dtype(), std::vector<py::ssize_t>(input.shape(), input.shape() + input.ndim()));
+    if (outObject.is_none()) out = alignedEmpty(input.dtype(), std::vector<py::ssize_t>(input.shape(), input.shape() + input.ndim()));
     else {
         out = checkedOutput(outObject, py::reinterpret_borrow<py::array>(imageObject));
         // An output that overlaps the input without being it would be read after being written.
@@ -386,6 +404,7 @@ PYBIND11_MODULE(_lyn, m) {
     m.def("extrema", &runExtrema, py::arg("image"), py::arg("mode"), py::arg("threads"), py::arg("generic"),
           py::arg("progress"), py::arg("cancel"));
     m.def("info", &info);
+    m.def("empty", &alignedEmpty, py::arg("dtype"), py::arg("shape"));
     m.def("shapes", &shapeTable, "Every shape: name -> (dimensions, options it takes, options it requires).");
     m.def("reach", &shapeReach, py::arg("shape"), py::arg("values"), py::arg("dimensions"),
           "How far the shape reaches from the origin along (plans, rows, cols).");

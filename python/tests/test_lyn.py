@@ -301,3 +301,12 @@ def test_info_reports_the_plug_in_and_runners():
     assert "lyn::morphology::Dilation3d" in info["runners"]
     if info["plugin"]["loaded"]:
         assert info["plugin"]["path"].endswith(".so")
+
+
+def test_outputs_and_lyn_empty_are_aligned_for_vector_stores():
+    image = random_image((3, 17, 19), np.float32)
+    for a in (lyn.dilate(image, "cube"), lyn.empty_like(image), lyn.empty((4, 5), np.int64)):
+        assert a.ctypes.data % 64 == 0 and a.flags.c_contiguous and a.flags.writeable
+    assert lyn.empty_like(image.astype(">f4")).dtype == np.float32 and lyn.empty(0, np.uint8).shape == (0,)
+    out = lyn.empty_like(image)
+    assert same_bits(lyn.dilate(image, "cube", out=out), lyn.dilate(image, "cube"))

@@ -1,0 +1,164 @@
+#!/usr/bin/python3
+"""Costs of lyn's Python package, for docs/performance.md.
+
+1. lyn.dilate(cube, 26, radius 1) on the 512 x 512 x 256 uint8 volume with `out=` preallocated,
+   against the same call from C++ (lyn_bench, output preallocated), alternated in rounds so that
+   both see the same load.
+2. lyn.dask.dilate of that volume in 64^3 chunks on a LocalCluster of two worker processes,
+   against the in-memory call and against map_overlap with scipy.ndimage.grey_dilation on the
+   same chunks.
+
+Usage: PYTHONPATH=build/python bench/python_bench.py [--bench build/bin/lyn_bench] [--rounds 3]
+Every figure is a median; "others" is the CPU that other processes used meanwhile (0 to 2 cores).
+"""
+import argparse
+import json
+import os
+import subprocess
+import tempfile
+import time
+
+import numpy as np
+
+import lyn
+
+SHAPE = (256, 512, 512)
+
+
+def busy_ticks():
+    with open("/proc/stat") as f:
+        v = [int(x) for x in f.readline().split()[1:8]]
+    return v[0] + v[1] + v[2] + v[5] + v[6]
+
+
+def self_ticks():
+    total = 0
+    for pid in os.listdir("/proc"):
+        if not pid.isdigit():
+            continue
+        try:
+            with open(f"/proc/{pid}/stat") as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+            if int(fields[1]) == os.getpgrp() or int(pid) == os.getpid():
+                total += int(fields[11]) + int(fields[12])
+        except (OSError, IndexError, ValueError):
+            pass
+    t = os.times()  # children already reaped (lyn_bench) no longer show in /proc
+    return total + round((t.children_user + t.children_system) * os.sysconf("SC_CLK_TCK"))
+
+
+class Others:
+    """CPU used by other processes (in cores) while the block runs."""
+
+    def __enter__(self):
+        self.t, self.busy, self.own = time.monotonic(), busy_ticks(), self_ticks()
+        return self
+
+    def __exit__(self, *exc):
+        hz = os.sysconf("SC_CLK_TCK")
+        dt = time.monotonic() - self.t
+        self.cores = max(0.0, (busy_ticks() - self.busy - (self_ticks() - self.own)) / hz / dt)
+
+
+def median_ms(fn, repeat):
+    times = []
+    for _ in range(repeat):
+        t0 = time.perf_counter()
+        fn()
+        times.append(time.perf_counter() - t0)
+    return sorted(times)[len(times) // 2] * 1e3
+
+
+def cpp_ms(bench, threads):
+    with tempfile.NamedTemporaryFile(suffix=".json") as out:
+        subprocess.run([bench, f"--benchmark_filter=^morph3d/uint8/dilate-26-x1/plugin/threads:{threads}/real_time$",
+                        "--benchmark_repetitions=7", "--benchmark_report_aggregates_only=true",
+                        f"--benchmark_out={out.name}", "--benchmark_out_format=json"],
+                       check=True, stdout=subprocess.DEVNULL)
+        data = json.load(open(out.name))
+    for b in data["benchmarks"]:
+        if b.get("aggregate_name") == "median":
+            return b["real_time"]
+    raise RuntimeError("no median in lyn_bench output")
+
+
+def python_vs_cpp(args, volume):
+    out = lyn.empty_like(volume)  # aligned as the C++ benchmark's output is: both use streaming stores
+    print(f"\n## Python with out= vs C++ (cube 26, radius 1, {SHAPE} uint8)")
+    print("| threads | round | C++ ms | Python ms | Python / C++ | others (cores) |")
+    print("|---|---|---|---|---|---|")
+    for threads in (1, 2):
+        lyn.dilate(volume, "cube", out=out, threads=threads)  # warm-up: plug-in loaded, pages touched
+        for r in range(args.rounds):
+            with Others() as o:
+                c = cpp_ms(args.bench, threads)
+                p = median_ms(lambda: lyn.dilate(volume, "cube", out=out, threads=threads), 7)
+            print(f"| {threads} | {r + 1} | {c:.2f} | {p:.2f} | {p / c:.3f} | {o.cores:.2f} |")
+
+
+def dask_cluster(args, volume):
+    import dask.array as da
+    import distributed
+    import scipy.ndimage as ndi
+
+    import lyn.dask
+
+    print(f"\n## lyn.dask on a 2-worker LocalCluster, 64^3 chunks (cube 26, radius 1, {SHAPE} uint8)")
+    cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None,
+                                       silence_logs=50)
+    client = distributed.Client(cluster)
+    try:
+        x = da.from_array(volume, chunks=64).persist()
+        distributed.wait(x)
+        expected = lyn.dilate(volume, "cube")
+
+        def on_cluster(lazy):
+            def run():
+                y = lazy.persist()
+                distributed.wait(y)
+                del y
+            return run
+
+        cases = {
+            "in-memory lyn.dilate (this process, 2 threads)": lambda: lyn.dilate(volume, "cube"),
+            "lyn.dask.dilate, lyn threads=1 per task": on_cluster(lyn.dask.dilate(x, "cube", threads=1)),
+            "lyn.dask.dilate, lyn default threads per task": on_cluster(lyn.dask.dilate(x, "cube")),
+            "map_overlap + scipy.ndimage.grey_dilation(size=3)": on_cluster(
+                x.map_overlap(ndi.grey_dilation, depth=1, boundary="none", size=(3, 3, 3))),
+            "lyn.dask.dilate gathered to this process": lambda: lyn.dask.dilate(x, "cube", threads=1).compute(),
+        }
+        # The scipy variant gives the same bits ('reflect' at the edges repeats in-image values).
+        assert np.array_equal(x.map_overlap(ndi.grey_dilation, depth=1, boundary="none", size=(3, 3, 3)).compute(),
+                              expected)
+        assert np.array_equal(lyn.dask.dilate(x, "cube").compute(), expected)
+        print("| case | round | ms | others (cores) |")
+        print("|---|---|---|---|")
+        for r in range(args.rounds):
+            for name, fn in cases.items():
+                fn()  # warm-up
+                with Others() as o:
+                    ms = median_ms(fn, 5)
+                print(f"| {name} | {r + 1} | {ms:.1f} | {o.cores:.2f} |")
+    finally:
+        client.close()
+        cluster.close()
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--bench", default=os.path.join(os.path.dirname(__file__), "..", "build", "bin", "lyn_bench"))
+    ap.add_argument("--rounds", type=int, default=3)
+    ap.add_argument("--skip-cpp", action="store_true")
+    ap.add_argument("--skip-dask", action="store_true")
+    args = ap.parse_args()
+    print(f"load before: {os.getloadavg()}")
+    volume = np.random.default_rng(7).integers(0, 256, size=SHAPE, dtype=np.uint8)
+    if not args.skip_cpp:
+        python_vs_cpp(args, volume)
+    if not args.skip_dask:
+        dask_cluster(args, volume)
+    print(f"\nload after: {os.getloadavg()}")
+
+
+if __name__ == "__main__":
+    main()
