@@ -6,6 +6,10 @@
 
 namespace lyn {
 
+namespace generic {
+struct Stage;
+}
+
 // Base of the algorithms that read one input image and write one output image.
 class ImageToImageAlgorithm : public BaseAlgorithm {
 protected:
@@ -17,8 +21,36 @@ protected:
 
 namespace morphology {
 
+// Dilation (maximum) or erosion (minimum) by a structuring element. The element is a value: the
+// list of passes its properties describe (host/generic/Generic.h), which the host's generic code runs.
+class StructuringElementMorphology : public ImageToImageAlgorithm {
+public:
+    // Offset lists longer than this are refused as absurd rather than built.
+    static constexpr unsigned long maxOffsets = 1000000;
+
+    bool isDilation() const { return m_dilate; }
+    // The run the current properties describe; call after the properties have passed their checks.
+    virtual std::vector<generic::Stage> passList() const = 0;
+    virtual const ImageModel* inputImageModel() const = 0;
+    virtual ImageModel* outputImageModel() const = 0;
+    virtual void setImages(const ImageModel* input, ImageModel* output) = 0;
+
+protected:
+    explicit StructuringElementMorphology(bool dilate) : m_dilate(dilate) {}
+    void runGeneric() override;
+    // Raises RuleException naming `property` when its value would make more than maxOffsets offsets.
+    void checkOffsetCount(const char* property, unsigned long value, unsigned long count) const;
+    // Raises RuleException naming `property` unless `value` is finite.
+    void checkAngle(const char* property, double value) const;
+    // Raises RuleException naming `property` when a length is 0.
+    void checkLength(const char* property, unsigned long value) const;
+
+private:
+    bool m_dilate;
+};
+
 // Dilation or erosion by an elementary neighbourhood applied `kernelRadius` times.
-class SquareMorphology : public ImageToImageAlgorithm {
+class SquareMorphology : public StructuringElementMorphology {
 public:
     Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
     Property<unsigned int> kernelRadius{this, "KernelRadius", 1};
@@ -27,14 +59,20 @@ public:
     Property<int> neighborhood{this, "Neighborhood", 1};
     Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
 
+    std::vector<generic::Stage> passList() const override;
+    const ImageModel* inputImageModel() const override { return inputImage; }
+    ImageModel* outputImageModel() const override { return outputImage; }
+    void setImages(const ImageModel* input, ImageModel* output) override {
+        inputImage = input;
+        outputImage = output;
+    }
+
 protected:
-    SquareMorphology(bool dilate, int dimensions) : m_dilate(dilate), m_dimensions(dimensions) {}
-    void checkProperties() const override;
-    void prepareOutputs() override;
-    void runGeneric() override;
+    SquareMorphology(bool dilate, int dimensions) : StructuringElementMorphology(dilate), m_dimensions(dimensions) {}
+    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
 
 private:
-    bool m_dilate;
     int m_dimensions;
 };
 
@@ -55,14 +93,8 @@ class Erosion3d : public SquareMorphology {
     Erosion3d() : SquareMorphology(false, 3) {}
 };
 
-// Structuring-element algorithms whose host implementation is not available in this build: they
-// raise a clear error when no runner serves them.
-class StructuringElementMorphology : public ImageToImageAlgorithm {
-protected:
-    void runGeneric() override;
-};
-
-// Disk (2D) and ball (3D): radius, and mode 0 for the fast decomposition, other values exact.
+// Disk (2D) and ball (3D): radius, and mode 0 for the fast decomposition (chained 3x3 or 3x3x3
+// passes), any other value for every offset within Euclidean distance r.
 class RadiusModeMorphology : public StructuringElementMorphology {
 public:
     Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
@@ -70,12 +102,24 @@ public:
     Property<int> mode{this, "Mode", 0};
     Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
 
+    std::vector<generic::Stage> passList() const override;
+    const ImageModel* inputImageModel() const override { return inputImage; }
+    ImageModel* outputImageModel() const override { return outputImage; }
+    void setImages(const ImageModel* input, ImageModel* output) override {
+        inputImage = input;
+        outputImage = output;
+    }
+
 protected:
-    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    RadiusModeMorphology(bool dilate, int dimensions) : StructuringElementMorphology(dilate), m_dimensions(dimensions) {}
+    void checkProperties() const override;
     void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
+
+private:
+    int m_dimensions;
 };
 
-// Line (2D): orientation in degrees from the column axis, and length in pixels.
+// Line (2D): orientation in degrees counter-clockwise from the column axis, and length in pixels.
 class LineMorphology2d : public StructuringElementMorphology {
 public:
     Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
@@ -83,12 +127,22 @@ public:
     Property<unsigned int> length{this, "Length", 1};
     Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
 
+    std::vector<generic::Stage> passList() const override;
+    const ImageModel* inputImageModel() const override { return inputImage; }
+    ImageModel* outputImageModel() const override { return outputImage; }
+    void setImages(const ImageModel* input, ImageModel* output) override {
+        inputImage = input;
+        outputImage = output;
+    }
+
 protected:
-    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    explicit LineMorphology2d(bool dilate) : StructuringElementMorphology(dilate) {}
+    void checkProperties() const override;
     void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
 };
 
-// Disk in an oriented plane, or line, in 3D: two angles in degrees and a size.
+// Disk in an oriented plane, or line, in 3D: azimuth Angle1 and elevation Angle2 in degrees (the
+// line's direction, the disk's normal), and the radius or length.
 class OrientedMorphology3d : public StructuringElementMorphology {
 public:
     Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
@@ -97,25 +151,38 @@ public:
     Property<unsigned int> size{this, "Size", 1};
     Property<ImageModel*> outputImage{this, "OutputImage", nullptr};
 
+    std::vector<generic::Stage> passList() const override;
+    const ImageModel* inputImageModel() const override { return inputImage; }
+    ImageModel* outputImageModel() const override { return outputImage; }
+    void setImages(const ImageModel* input, ImageModel* output) override {
+        inputImage = input;
+        outputImage = output;
+    }
+
 protected:
-    void checkProperties() const override { checkImages(inputImage, outputImage); }
+    OrientedMorphology3d(bool dilate, bool disk) : StructuringElementMorphology(dilate), m_disk(disk) {}
+    void checkProperties() const override;
     void prepareOutputs() override { shapeOutput(inputImage, outputImage); }
+
+private:
+    bool m_disk;
 };
 
-#define LYN_SE_CLASS(Name, Base)                                    \
-    class Name : public Base {                                      \
-        LYN_ALGORITHM_CLASS(Name, "lyn::morphology::" #Name)       \
+#define LYN_SE_CLASS(Name, Base, ...)                          \
+    class Name : public Base {                                  \
+        LYN_ALGORITHM_CLASS(Name, "lyn::morphology::" #Name)   \
+        Name() : Base(__VA_ARGS__) {}                           \
     };
-LYN_SE_CLASS(DilationDisk2d, RadiusModeMorphology)
-LYN_SE_CLASS(ErosionDisk2d, RadiusModeMorphology)
-LYN_SE_CLASS(DilationBall3d, RadiusModeMorphology)
-LYN_SE_CLASS(ErosionBall3d, RadiusModeMorphology)
-LYN_SE_CLASS(DilationLine2d, LineMorphology2d)
-LYN_SE_CLASS(ErosionLine2d, LineMorphology2d)
-LYN_SE_CLASS(DilationDisk3d, OrientedMorphology3d)
-LYN_SE_CLASS(ErosionDisk3d, OrientedMorphology3d)
-LYN_SE_CLASS(DilationLine3d, OrientedMorphology3d)
-LYN_SE_CLASS(ErosionLine3d, OrientedMorphology3d)
+LYN_SE_CLASS(DilationDisk2d, RadiusModeMorphology, true, 2)
+LYN_SE_CLASS(ErosionDisk2d, RadiusModeMorphology, false, 2)
+LYN_SE_CLASS(DilationBall3d, RadiusModeMorphology, true, 3)
+LYN_SE_CLASS(ErosionBall3d, RadiusModeMorphology, false, 3)
+LYN_SE_CLASS(DilationLine2d, LineMorphology2d, true)
+LYN_SE_CLASS(ErosionLine2d, LineMorphology2d, false)
+LYN_SE_CLASS(DilationDisk3d, OrientedMorphology3d, true, true)
+LYN_SE_CLASS(ErosionDisk3d, OrientedMorphology3d, false, true)
+LYN_SE_CLASS(DilationLine3d, OrientedMorphology3d, true, false)
+LYN_SE_CLASS(ErosionLine3d, OrientedMorphology3d, false, false)
 #undef LYN_SE_CLASS
 
 } // namespace morphology

@@ -174,20 +174,7 @@ TEST(ExceptionTest, WhatNamesMessageAndSource) {
     EXPECT_STREQ(ExceptionCancelation().getInfo().message.c_str(), "");
 }
 
-// A structuring-element class has no generic code in this build: it says so instead of doing nothing.
-TEST(AlgorithmTest, ClassWithoutGenericCodeRaises) {
-    MemoryImage in(UInt8, 4, 4), out;
-    morphology::DilationDisk2d algo;
-    algo.setUsePlugin(false);
-    algo.inputImage = &in;
-    algo.outputImage = &out;
-    try {
-        algo.execute();
-        FAIL() << "expected RuntimeError";
-    } catch (const RuntimeError& e) {
-        EXPECT_NE(std::string(e.what()).find("lyn::morphology::DilationDisk2d has no generic implementation"),
-                  std::string::npos);
-    }
+TEST(AlgorithmTest, MissingImagesAreRefused) {
     morphology::Dilation2d missing;
     EXPECT_THROW(missing.execute(), RuleException);
 }

@@ -87,7 +87,29 @@ dilate square - 1 2db
 erode  cube  26 1 3db
 dilate square 8 3 2dl
 erode  cube  18 3 3dl
+dilate square 4 2 3d
+erode  cube   6 2 2d
+dilate cube  26 1 2dx
 EOF
+
+# --- disk, ball, line, disk3d, line3d against references built from their definitions ---------
+# Every shape, fast and exact, radii 0 to 12, many angles, six types (floats with NaN and both signed
+# zeros), dilation and erosion, 2D shapes on volumes and 3D shapes on 2D images and one-plan volumes.
+rm -f se_*.manifest
+n=0
+while read -r shape inp op json cli <&3; do
+  n=$((n + 1))
+  # shellcheck disable=SC2086  # the options are single words
+  if "$LYN" "$op" "$inp" "se_$n.npy" --shape "$shape" $cli --quiet 2>err; then
+    echo "$inp $op $shape se_$n.npy $json" >>"se_$shape.manifest"
+  else
+    report "$op $inp --shape $shape $cli runs" 1
+  fi
+done 3< <("$PY" "$REF" shape-cases)
+for shape in disk ball line line3d disk3d; do
+  "$PY" "$REF" shapes "se_$shape.manifest" 2>err
+  report "--shape $shape: $(wc -l <"se_$shape.manifest") cases match the reference built from its definition" $?
+done
 
 for case in "square 2d" "cube 3d"; do
   read -r shape dims <<<"$case"
@@ -132,8 +154,17 @@ while IFS='|' read -r name expect args <&3; do
 done 3<<'EOF'
 unknown shape|--shape|dilate u1_2d.npy o.npy --shape star
 missing --shape|--shape|erode u1_2d.npy o.npy
---shape square on a 3D input|--shape|dilate u1_3d.npy o.npy --shape square
---shape cube on a 2D input|--shape|erode u1_2d.npy o.npy --shape cube
+disk without --radius|--radius|dilate u1_2d.npy o.npy --shape disk
+line without --length|--length|dilate u1_2d.npy o.npy --shape line
+line of length 0|--length|dilate u1_2d.npy o.npy --shape line --length 0
+line3d without --angles|--angles|dilate u1_3d.npy o.npy --shape line3d --length 3
+malformed --angles|--angles|dilate u1_3d.npy o.npy --shape disk3d --radius 2 --angles 30
+non-numeric --angles|--angles|dilate u1_3d.npy o.npy --shape line3d --length 3 --angles 30,abc
+three --angles|--angles|dilate u1_3d.npy o.npy --shape line3d --length 3 --angles 1,2,3
+--angle on a disk|--angle|dilate u1_2d.npy o.npy --shape disk --radius 2 --angle 30
+--exact on a line|--exact|dilate u1_2d.npy o.npy --shape line --length 3 --exact
+absurd exact ball|--radius|dilate u1_3d.npy o.npy --shape ball --radius 100 --exact
+absurd line|--length|dilate u1_2d.npy o.npy --shape line --length 2000000
 negative radius|--radius|dilate u1_2d.npy o.npy --shape square --radius -1
 non-numeric radius|--radius|dilate u1_2d.npy o.npy --shape square --radius abc
 fractional radius|--radius|dilate u1_2d.npy o.npy --shape square --radius 1.5

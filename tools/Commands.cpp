@@ -3,7 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +19,7 @@
 #include "host/Algorithms.h"
 #include "host/Cpu.h"
 #include "host/PluginLoader.h"
+#include "host/Shapes.h"
 #include "host/Settings.h"
 #include "tools/Npy.h"
 #include "tools/Progress.h"
@@ -108,6 +113,34 @@ std::string formatValue(double v, bool integral) {
 
 bool isIntegralType(VoxelTypes t) { return t != Float && t != Double; }
 
+// "DEG1,DEG2": two decimal numbers, nothing else.
+std::array<double, 2> parseAngles(const std::string& text) {
+    std::array<double, 2> angles{};
+    const std::string::size_type comma = text.find(',');
+    const std::string parts[2] = {text.substr(0, comma), comma == std::string::npos ? "" : text.substr(comma + 1)};
+    for (int i = 0; i < 2; ++i) {
+        const char* begin = parts[i].c_str();
+        char* end = nullptr;
+        errno = 0;
+        angles[i] = std::strtod(begin, &end);
+        const bool blank = parts[i].empty() || std::isspace(static_cast<unsigned char>(parts[i][0]));
+        if (comma == std::string::npos || blank || *end != '\0' || errno == ERANGE || !std::isfinite(angles[i]))
+            throw UsageError("--angles: expected two angles in degrees as DEG1,DEG2, not '" + text + "'");
+    }
+    return angles;
+}
+
+shapes::ShapeParams shapeParams(const ShapeOptions& s) {
+    shapes::ShapeParams p;
+    if (s.radius >= 0) p.radius = static_cast<unsigned long long>(s.radius);
+    if (s.connectivity >= 0) p.connectivity = static_cast<int>(std::min<long long>(s.connectivity, 1 << 20));
+    p.exact = s.exact;
+    if (s.length >= 0) p.length = static_cast<unsigned long long>(s.length);
+    if (s.angleGiven) p.angle = s.angle;
+    if (s.anglesGiven) p.angles = parseAngles(s.angles);
+    return p;
+}
+
 } // namespace
 
 int runInfo() {
@@ -129,6 +162,7 @@ int runInfo() {
             for (Runnable* r : info->getRunners()) runners += (runners.empty() ? "" : ", ") + runnerName(r);
         std::printf("  %-34s %s\n", name, runners.empty() ? "(none: host generic code)" : runners.c_str());
     }
+    std::printf("shapes (--shape):\n%s", shapes::describeShapes().c_str());
     return 0;
 }
 
@@ -184,64 +218,27 @@ int runExtrema(const std::string& input, const std::vector<std::string>& per, bo
 
 int runMorphology(bool dilate, const std::string& input, const std::string& output, const ShapeOptions& s,
                   const CommonOptions& common) {
-    const std::string& shape = s.shape;
-    const bool known = shape == "square" || shape == "cube" || shape == "disk" || shape == "ball" || shape == "line" ||
-                       shape == "disk3d" || shape == "line3d";
-    if (!known) throw UsageError("--shape: unknown shape '" + shape + "' (square, cube, disk, ball, line, disk3d, line3d)");
-    const bool usesRadius = shape != "line" && shape != "line3d";
-    const bool usesLength = !usesRadius;
-    if (s.radius >= 0 && !usesRadius) throw UsageError("--radius does not apply to --shape " + shape);
-    if (s.length >= 0 && !usesLength) throw UsageError("--length does not apply to --shape " + shape);
-    if (s.connectivity >= 0 && shape != "square" && shape != "cube")
-        throw UsageError("--connectivity does not apply to --shape " + shape);
-    if (s.angleGiven && shape != "line") throw UsageError("--angle does not apply to --shape " + shape);
-    if (!s.angles.empty() && shape != "disk3d" && shape != "line3d")
-        throw UsageError("--angles does not apply to --shape " + shape);
-    if (s.exact && shape != "disk" && shape != "ball") throw UsageError("--exact does not apply to --shape " + shape);
-    if (usesLength && s.length < 0) throw UsageError("--length is required with --shape " + shape);
-    if (usesLength && s.length < 1) throw UsageError("--length must be at least 1");
-    if ((shape == "disk" || shape == "ball" || shape == "disk3d") && s.radius < 0)
-        throw UsageError("--radius is required with --shape " + shape);
-    if (s.radius > std::numeric_limits<unsigned int>::max()) throw UsageError("--radius is too large");
-    if (shape != "square" && shape != "cube")
-        throw UsageError("--shape " + shape + " is not available in this build of lyn (square and cube are)");
-
-    checkOutput(output, common);
-    const unsigned radius = s.radius < 0 ? 1u : static_cast<unsigned>(s.radius);
-    int neighbourhood = 0;
-    std::unique_ptr<morphology::SquareMorphology> algo;
-    if (shape == "square") {
-        const long long c = s.connectivity < 0 ? 8 : s.connectivity;
-        if (c != 8 && c != 4) throw UsageError("--connectivity must be 8 or 4 with --shape square");
-        neighbourhood = c == 4 ? 0 : 1;
-        if (dilate) algo = std::make_unique<morphology::Dilation2d>();
-        else algo = std::make_unique<morphology::Erosion2d>();
-    } else {
-        const long long c = s.connectivity < 0 ? 26 : s.connectivity;
-        if (c != 26 && c != 18 && c != 6) throw UsageError("--connectivity must be 26, 18 or 6 with --shape cube");
-        neighbourhood = c == 6 ? 0 : c == 18 ? 1 : 2;
-        if (dilate) algo = std::make_unique<morphology::Dilation3d>();
-        else algo = std::make_unique<morphology::Erosion3d>();
+    const shapes::ShapeParams params = shapeParams(s);
+    const shapes::ShapeInfo* shape = nullptr;
+    try {
+        shape = &shapes::findShape(s.shape);
+        shapes::validate(*shape, params);
+    } catch (const shapes::ShapeError& e) {
+        throw UsageError("--" + e.option() + ": " + e.what());
     }
+    checkOutput(output, common);
+    auto algo = shapes::makeAlgorithm(*shape, params, dilate);
     applyCommon(*algo, common);
     int axes = 0;
     auto in = loadInput(input, axes);
-    const bool is2d = in->getNumOf(Plans) == 1;
-    if (shape == "square" && !is2d)
-        throw UsageError("--shape square needs a 2D image; " + input + " has " + std::to_string(in->getNumOf(Plans)) +
-                         " plans (use --shape cube)");
-    if (shape == "cube" && is2d) throw UsageError("--shape cube needs a 3D volume; " + input + " is 2D (use --shape square)");
-
-    if (radius == 0) {
-        // Zero passes leave an output untouched, so the copy is the tool's.
+    // Any shape works on any image: a 2D image is a volume of one plan, and the 2D algorithms apply
+    // to a volume plan by plan.
+    if (shapes::isIdentity(*shape, params)) {
         saveOutput(output, *in, axes);
         return 0;
     }
     MemoryImage out;
-    algo->inputImage = in.get();
-    algo->outputImage = &out;
-    algo->kernelRadius = radius;
-    algo->neighborhood = neighbourhood;
+    algo->setImages(in.get(), &out);
     runWithProgress(*algo, dilate ? "dilate" : "erode", common);
     saveOutput(output, out, axes);
     return 0;

@@ -31,6 +31,7 @@ struct ShapeOptions {
     double angle = 0;
     bool angleGiven = false;
     std::string angles;
+    bool anglesGiven = false;
     bool exact = false;
 };
 

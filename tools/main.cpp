@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "host/Exceptions.h"
+#include "host/Shapes.h"
 #include "tools/Commands.h"
 #include "tools/Npy.h"
 
@@ -37,7 +38,7 @@ void addCommon(CLI::App* cmd, CommonOptions& c) {
 }
 
 void addShape(CLI::App* cmd, ShapeOptions& s) {
-    cmd->add_option("--shape", s.shape, "square, cube, disk, ball, line, disk3d or line3d")->required();
+    cmd->add_option("--shape", s.shape, "square, cube, disk, ball, line, disk3d or line3d (see below)")->required();
     cmd->add_option("--radius", s.radius, "Radius R")->check(integerAtLeast(0));
     cmd->add_option("--connectivity", s.connectivity, "square: 8 or 4; cube: 26, 18 or 6")
         ->check(integerAtLeast(0));
@@ -45,7 +46,8 @@ void addShape(CLI::App* cmd, ShapeOptions& s) {
     cmd->add_option("--angle", s.angle, "Line angle in degrees from the column axis")->each([&s](const std::string&) {
         s.angleGiven = true;
     });
-    cmd->add_option("--angles", s.angles, "Two angles DEG1,DEG2 for disk3d and line3d");
+    cmd->add_option("--angles", s.angles, "disk3d and line3d: azimuth and elevation in degrees, DEG1,DEG2")
+        ->each([&s](const std::string&) { s.anglesGiven = true; });
     cmd->add_flag("--exact", s.exact, "disk and ball: all offsets within Euclidean distance R");
 }
 
@@ -77,6 +79,7 @@ int main(int argc, char** argv) {
         morph[i]->add_option("INPUT", input, "Input image (.npy, .tif)")->required();
         morph[i]->add_option("OUTPUT", output, "Output image (.npy, .tif)")->required();
         addShape(morph[i], shape);
+        morph[i]->footer("Shapes:\n" + lyn::shapes::describeShapes());
         addCommon(morph[i], common);
     }
 

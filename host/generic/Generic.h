@@ -2,21 +2,65 @@
 // The host's own implementations: portable scalar code for every voxel type the host serves.
 // They define the results the plug-in must reproduce bit for bit, fold order included (the order
 // decides which value wins among NaNs and signed zeros).
+#include <cstddef>
+#include <functional>
+#include <vector>
+
 #include "host/Algorithms.h"
+#include "host/Kernel.h"
 
 namespace lyn {
 namespace generic {
 
-enum class Neighbourhood { Cross4, Square8, Six, Eighteen, TwentySix };
+// The elementary operators: the fixed 3x3 (3x3x3) neighbourhoods, and explicit offset lists folded
+// in list order, plan by plan (Offsets2D) or across plans (Offsets3D).
+enum class Neighbourhood { Cross4, Square8, Six, Eighteen, TwentySix, Offsets2D, Offsets3D };
 
 // Neighbourhood of a square/cube algorithm from its dimension and property value.
 Neighbourhood neighbourhoodOf(int dimensions, int value);
 const char* neighbourhoodName(Neighbourhood n);
+// Whether the operator reaches across plans (else a volume is processed plan by plan).
+bool reachesAcrossPlans(Neighbourhood n);
 
-// `passes` passes of the elementary operator; pass 0 reads `input`, later passes the output.
-// Out-of-image voxels read as the type's lowest value (dilation) or highest (erosion).
-void squareMorphology(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, unsigned passes,
-                      Neighbourhood n, bool dilate);
+// One stage of a run: an operator applied `passes` times, each pass reading what the previous wrote.
+struct Stage {
+    Neighbourhood neighbourhood;
+    unsigned passes;
+    std::vector<kernel::Offset3D> offsets;  // the offset operators only (z = 0 for Offsets2D)
+    bool operator==(const Stage& o) const {
+        return neighbourhood == o.neighbourhood && passes == o.passes && offsets == o.offsets;
+    }
+};
+
+// A structuring element as a run: stages in order, each one progress step. The first pass of the
+// run reads the input image; every later pass reads the output, so the stages chain.
+using PassList = std::vector<Stage>;
+
+PassList offsetPasses(const std::vector<kernel::Offset2D>& offsets);
+PassList offsetPasses(const std::vector<kernel::Offset3D>& offsets);
+// Fast disk of radius r: floor(r/2) 8-connected passes then the rest 4-connected; r <= 1 is the
+// 4-connected stage alone. Fast ball: trunc(0.6 r) 6-connected, trunc(0.3 r) 18-connected (each
+// stage only when it has passes), then the rest 26-connected, always present.
+PassList fastDiskPasses(unsigned radius);
+PassList fastBallPasses(unsigned radius);
+// The reflected structuring element: offsets negated in place (the fixed operators are symmetric).
+PassList mirror(PassList list);
+
+// What a run does, stage by stage, for tests and diagnostics: called as each stage starts.
+struct StageStart {
+    std::size_t index;       // 0-based
+    std::size_t steps;       // progress steps of the run: one per stage
+    const Stage* stage;
+    bool readsInput;         // false: it reads the output, which earlier stages wrote
+};
+using StageObserver = std::function<void(const StageStart&)>;
+
+// Runs the list with dilation (maximum) or erosion (minimum). Out-of-image voxels read as the type's
+// lowest value (dilation) or highest (erosion), the finite extremes for floats. Input and output may
+// be the same image. An empty list, or one whose stages have no passes, leaves the output untouched.
+// Progress is reported to `algo` in equal steps per stage; its cancellation raises ExceptionCancelation.
+void runPasses(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, const PassList& list, bool dilate,
+               const StageObserver& observer = {});
 
 void intensityExtrema(BaseAlgorithm& algo, const ImageModel& input, int mode, analysis::IntensityExtremaMsr& result);
 

@@ -1,10 +1,11 @@
-// Generic square and cube dilation/erosion. Each pass streams through the image with a window of
-// three padded rows (2D) or plans (3D); the window is read ahead of the row or plan written, so a
-// pass may read and write the same image.
-#include <array>
+// Generic dilation and erosion by a list of stages. Each pass streams through the image with a
+// window of padded rows (2D) or plans (3D) that always reaches at least the row or plan written, so a
+// pass may read and write the same image: everything it still needs was read before being overwritten.
+#include <algorithm>
 #include <memory>
 #include <vector>
 
+#include "host/PrivateImplementation.h"
 #include "host/View.h"
 #include "host/generic/Generic.h"
 
@@ -25,8 +26,47 @@ const char* neighbourhoodName(Neighbourhood n) {
     case Neighbourhood::Six: return "6-connected";
     case Neighbourhood::Eighteen: return "18-connected";
     case Neighbourhood::TwentySix: return "26-connected";
+    case Neighbourhood::Offsets2D: return "2D offsets";
+    case Neighbourhood::Offsets3D: return "3D offsets";
     }
     return "?";
+}
+
+bool reachesAcrossPlans(Neighbourhood n) {
+    return n == Neighbourhood::Six || n == Neighbourhood::Eighteen || n == Neighbourhood::TwentySix ||
+           n == Neighbourhood::Offsets3D;
+}
+
+PassList offsetPasses(const std::vector<kernel::Offset2D>& offsets) {
+    Stage stage{Neighbourhood::Offsets2D, 1, {}};
+    for (const auto& o : offsets) stage.offsets.push_back({o.x, o.y, 0});
+    return {stage};
+}
+
+PassList offsetPasses(const std::vector<kernel::Offset3D>& offsets) {
+    return {Stage{Neighbourhood::Offsets3D, 1, offsets}};
+}
+
+PassList fastDiskPasses(unsigned radius) {
+    const unsigned nSquare = radius >> 1, nCross = radius - nSquare;
+    if (radius <= 1) return {Stage{Neighbourhood::Cross4, nCross, {}}};
+    return {Stage{Neighbourhood::Square8, nSquare, {}}, Stage{Neighbourhood::Cross4, nCross, {}}};
+}
+
+PassList fastBallPasses(unsigned radius) {
+    const double r = radius;
+    const unsigned nSix = static_cast<unsigned>(r * 0.6), nEighteen = static_cast<unsigned>(r * 0.3);
+    PassList list;
+    if (nSix) list.push_back({Neighbourhood::Six, nSix, {}});
+    if (nEighteen) list.push_back({Neighbourhood::Eighteen, nEighteen, {}});
+    list.push_back({Neighbourhood::TwentySix, radius - (nSix + nEighteen), {}});
+    return list;
+}
+
+PassList mirror(PassList list) {
+    for (Stage& s : list)
+        for (auto& o : s.offsets) o = {-o.x, -o.y, -o.z};
+    return list;
 }
 
 namespace {
@@ -39,22 +79,43 @@ inline T f(T acc, T next) {
     else return acc < next ? acc : next;
 }
 
-// Padded input plane: rows -1..nr, columns -1..nc.
+// How far an operator reaches along each axis, the origin always included.
+struct Reach {
+    long x0 = 0, x1 = 0, y0 = 0, y1 = 0, z0 = 0, z1 = 0;
+};
+
+Reach reachOf(const Stage& stage) {
+    Reach r;
+    if (stage.neighbourhood != Neighbourhood::Offsets2D && stage.neighbourhood != Neighbourhood::Offsets3D) {
+        r = {-1, 1, -1, 1, -1, 1};
+    } else {
+        kernel::computeExtrema(stage.offsets, r.x0, r.x1, r.y0, r.y1, r.z0, r.z1);
+        r = {std::min(r.x0, 0L), std::max(r.x1, 0L), std::min(r.y0, 0L), std::max(r.y1, 0L), std::min(r.z0, 0L),
+             std::max(r.z1, 0L)};
+    }
+    if (!reachesAcrossPlans(stage.neighbourhood)) r.z0 = r.z1 = 0;
+    return r;
+}
+
+// One plan padded by the reach: rows y0..nr-1+y1, columns x0..nc-1+x1.
 template <class T>
 struct Plane {
-    long width = 0;
+    long width = 0, padX = 0, padY = 0;
     std::vector<T> data;
-    // Voxel at (x + dx, y + dy) of the unpadded plane.
-    T at(long x, long y, long dx, long dy) const { return data[(y + 1 + dy) * width + (x + 1 + dx)]; }
+    // Column 0 of row y + dy, shifted by dx columns.
+    const T* row(long y, long dy, long dx) const { return data.data() + (y + padY + dy) * width + padX + dx; }
+    T at(long x, long y, long dx, long dy) const { return row(y, dy, dx)[x]; }
 };
 
 template <class T, class V>
-void readPlane(const V& view, Plane<T>& plane, long nc, long nr, long z, long s, long l) {
-    plane.width = nc + 2;
-    plane.data.resize(static_cast<std::size_t>((nr + 2) * plane.width));
-    for (long r = -1; r <= nr; ++r) {
-        T* row = plane.data.data() + (r + 1) * plane.width;
-        view.readRow(row, row + plane.width, -1, r, z, s, l);
+void readPlane(const V& view, Plane<T>& plane, const Reach& r, long nc, long nr, long z, long s, long l) {
+    plane.padX = -r.x0;
+    plane.padY = -r.y0;
+    plane.width = nc + r.x1 - r.x0;
+    plane.data.resize(static_cast<std::size_t>((nr + r.y1 - r.y0) * plane.width));
+    for (long y = r.y0; y < nr + r.y1; ++y) {
+        T* row = plane.data.data() + (y - r.y0) * plane.width;
+        view.readRow(row, row + plane.width, r.x0, y, z, s, l);
     }
 }
 
@@ -76,9 +137,10 @@ constexpr int k18[19][3] = {{-1, -1, 0}, {-1, 0, -1}, {-1, 0, 0}, {-1, 0, 1}, {-
                             {0, -1, 1},  {0, 0, -1},  {0, 0, 0},  {0, 0, 1},  {0, 1, -1}, {0, 1, 0},   {0, 1, 1},
                             {1, -1, 0},  {1, 0, -1},  {1, 0, 0},  {1, 0, 1},  {1, 1, 0}};
 
-template <bool D, class T>
-T fold3d(Neighbourhood n, const std::array<const Plane<T>*, 3>& w, long x, long y) {
-    auto at = [&](int dz, int dy, int dx) { return w[dz + 1]->at(x, y, dx, dy); };
+// `plane(dz)` is the padded plan z + dz.
+template <bool D, class T, class PlaneAt>
+T fold3d(Neighbourhood n, const PlaneAt& plane, long x, long y) {
+    auto at = [&](int dz, int dy, int dx) { return plane(dz).at(x, y, dx, dy); };
     switch (n) {
     case Neighbourhood::Six: {
         T acc = at(-1, 0, 0);
@@ -108,70 +170,137 @@ T fold3d(Neighbourhood n, const std::array<const Plane<T>*, 3>& w, long x, long 
     }
 }
 
+// Output row y of an offset operator: the offsets folded in list order, a whole row per offset.
+template <bool D, class T, class PlaneAt>
+void foldOffsets(const std::vector<kernel::Offset3D>& offsets, const PlaneAt& plane, long y, long nc, T* out) {
+    const T* first = plane(offsets[0].z).row(y, offsets[0].y, offsets[0].x);
+    std::copy(first, first + nc, out);
+    for (std::size_t k = 1; k < offsets.size(); ++k) {
+        const T* in = plane(offsets[k].z).row(y, offsets[k].y, offsets[k].x);
+        for (long x = 0; x < nc; ++x) out[x] = f<D>(out[x], in[x]);
+    }
+}
+
+bool writesOutput(const Stage& s) {
+    const bool offsets = s.neighbourhood == Neighbourhood::Offsets2D || s.neighbourhood == Neighbourhood::Offsets3D;
+    return s.passes > 0 && !(offsets && s.offsets.empty());
+}
+
+// One stage's passes. `ctx` receives the stage's progress and says when the run is cancelled.
 template <bool D, class Traits>
-void passes(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, unsigned nPasses, Neighbourhood n) {
+void runStage(algorithms::AbstractPrivateImplementation& ctx, const ImageModel& input, ImageModel& output,
+              const Stage& stage, bool readsInput) {
     using T = typename Traits::type;
     using ViewT = access::View<T, std::allocator<T>>;
-    const T border = D ? Traits::lowest() : Traits::highest();
-    auto bc = access::FixedBorderCondition<T>::New(border);
+    const Neighbourhood n = stage.neighbourhood;
+    const bool offsets = n == Neighbourhood::Offsets2D || n == Neighbourhood::Offsets3D;
+    if (!writesOutput(stage)) return;
+    auto bc = access::FixedBorderCondition<T>::New(D ? Traits::lowest() : Traits::highest());
     const Extents e = input.extents();
     const long nc = long(e[0]), nr = long(e[1]), np = long(e[2]), ns = long(e[3]), nl = long(e[4]);
-    const bool is3d = n == Neighbourhood::Six || n == Neighbourhood::Eighteen || n == Neighbourhood::TwentySix;
-    const double total = double(nPasses) * double(nl) * double(ns) * double(np);
+    const bool across = reachesAcrossPlans(n);
+    const Reach reach = reachOf(stage);
+    const double total = double(stage.passes) * double(nl) * double(ns) * double(np);
     double done = 0;
+    auto advance = [&] {
+        if (ctx.isCancelled()) throw ExceptionCancelation();
+        ctx.reportFraction(++done / total);
+    };
     std::vector<T> out(static_cast<std::size_t>(nc));
     auto dst = ViewT::New(&output, bc);
+    auto write = [&](long y, long z, long s, long l) {
+        if (nc) dst->writeRowAt(nc, out.data(), 0, y, z, s, l);
+    };
 
     for (long l = 0; l < nl; ++l)
-        for (long s = 0; s < ns; ++s) {
-            const long planGroups = is3d ? 1 : np;
-            for (long g = 0; g < planGroups; ++g)
-                for (unsigned pass = 0; pass < nPasses; ++pass) {
-                    auto src = ViewT::New(pass == 0 ? &input : static_cast<const ImageModel*>(&output), bc);
-                    if (!is3d) {
-                        Plane<T> p;  // only rows y-1..y+1 matter; a full padded plane keeps the code plain
-                        readPlane(*src, p, nc, nr, g, s, l);
+        for (long s = 0; s < ns; ++s)
+            for (long g = 0; g < (across ? 1 : np); ++g)
+                for (unsigned pass = 0; pass < stage.passes; ++pass) {
+                    auto src = ViewT::New(pass == 0 && readsInput ? &input : static_cast<const ImageModel*>(&output),
+                                          bc);
+                    if (!across) {
+                        Plane<T> p;
+                        readPlane(*src, p, reach, nc, nr, g, s, l);
+                        auto plane = [&](long) -> const Plane<T>& { return p; };
                         for (long y = 0; y < nr; ++y) {
-                            if (algo.isCancelRequested()) throw ExceptionCancelation();
-                            for (long x = 0; x < nc; ++x) out[x] = fold2d<D>(n, p, x, y);
-                            if (nc) dst->writeRowAt(nc, out.data(), 0, y, g, s, l);
+                            if (ctx.isCancelled()) throw ExceptionCancelation();
+                            if (offsets) foldOffsets<D>(stage.offsets, plane, y, nc, out.data());
+                            else
+                                for (long x = 0; x < nc; ++x) out[x] = fold2d<D>(n, p, x, y);
+                            write(y, g, s, l);
                         }
-                        algo.reportProgress(++done / total);
+                        advance();
                         continue;
                     }
-                    std::array<Plane<T>, 3> planes;
-                    std::array<const Plane<T>*, 3> w{&planes[0], &planes[1], &planes[2]};
-                    readPlane(*src, planes[0], nc, nr, -1, s, l);
-                    readPlane(*src, planes[1], nc, nr, 0, s, l);
-                    Plane<T>* next = &planes[2];
-                    std::vector<T> plane(static_cast<std::size_t>(nc * nr));
+                    // Ring of padded plans z + z0 .. z + z1; plan q lives in slot (q - z0) mod depth.
+                    const long depth = reach.z1 - reach.z0 + 1;
+                    std::vector<Plane<T>> ring(static_cast<std::size_t>(depth));
+                    auto slot = [&](long q) -> Plane<T>& { return ring[static_cast<std::size_t>((q - reach.z0) % depth)]; };
+                    for (long q = reach.z0; q < reach.z1; ++q) readPlane(*src, slot(q), reach, nc, nr, q, s, l);
                     for (long z = 0; z < np; ++z) {
-                        if (algo.isCancelRequested()) throw ExceptionCancelation();
-                        readPlane(*src, *next, nc, nr, z + 1, s, l);
-                        w[2] = next;
-                        for (long y = 0; y < nr; ++y)
-                            for (long x = 0; x < nc; ++x) plane[y * nc + x] = fold3d<D>(n, w, x, y);
-                        for (long y = 0; y < nr && nc; ++y) dst->writeRowAt(nc, plane.data() + y * nc, 0, y, z, s, l);
-                        // Slide the window: the oldest plane's buffer takes the next plan.
-                        Plane<T>* oldest = const_cast<Plane<T>*>(w[0]);
-                        w[0] = w[1];
-                        w[1] = w[2];
-                        next = oldest;
-                        algo.reportProgress((done + double(z + 1)) / total);
+                        readPlane(*src, slot(z + reach.z1), reach, nc, nr, z + reach.z1, s, l);
+                        auto plane = [&](long dz) -> const Plane<T>& { return slot(z + dz); };
+                        for (long y = 0; y < nr; ++y) {
+                            if (offsets) foldOffsets<D>(stage.offsets, plane, y, nc, out.data());
+                            else
+                                for (long x = 0; x < nc; ++x) out[x] = fold3d<D, T>(n, plane, x, y);
+                            write(y, z, s, l);
+                        }
+                        advance();
                     }
-                    done += np;
                 }
-        }
 }
+
+class StageRun : public algorithms::AbstractPrivateImplementation {
+public:
+    StageRun(const ImageModel& input, ImageModel& output, const Stage& stage, bool readsInput, bool dilate)
+        : AbstractPrivateImplementation(nullptr), m_input(input), m_output(output), m_stage(stage),
+          m_readsInput(readsInput), m_dilate(dilate) {}
+    void run() override {
+        dispatchVoxelType(m_input.getVoxelType(), [&](auto traits) {
+            if (m_dilate) runStage<true, decltype(traits)>(*this, m_input, m_output, m_stage, m_readsInput);
+            else runStage<false, decltype(traits)>(*this, m_input, m_output, m_stage, m_readsInput);
+        });
+    }
+
+private:
+    const ImageModel& m_input;
+    ImageModel& m_output;
+    const Stage& m_stage;
+    bool m_readsInput, m_dilate;
+};
+
+class PassListRun : public algorithms::AbstractPrivateImplementation {
+public:
+    PassListRun(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, const PassList& list, bool dilate,
+                const StageObserver& observer)
+        : AbstractPrivateImplementation(&algo), m_input(input), m_output(output), m_list(list), m_dilate(dilate),
+          m_observer(observer) {}
+    void run() override {
+        m_nbSteps = std::max<std::size_t>(1, m_list.size());
+        bool readsInput = true;
+        for (std::size_t i = 0; i < m_list.size(); ++i) {
+            if (m_observer) m_observer(StageStart{i, m_list.size(), &m_list[i], readsInput});
+            StageRun stage(m_input, m_output, m_list[i], readsInput, m_dilate);
+            runChildAlgo(&stage);
+            if (writesOutput(m_list[i])) readsInput = false;
+        }
+    }
+
+private:
+    const ImageModel& m_input;
+    ImageModel& m_output;
+    const PassList& m_list;
+    bool m_dilate;
+    const StageObserver& m_observer;
+};
 
 } // namespace
 
-void squareMorphology(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, unsigned nPasses,
-                      Neighbourhood n, bool dilate) {
-    dispatchVoxelType(input.getVoxelType(), [&](auto traits) {
-        if (dilate) passes<true, decltype(traits)>(algo, input, output, nPasses, n);
-        else passes<false, decltype(traits)>(algo, input, output, nPasses, n);
-    });
+void runPasses(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, const PassList& list, bool dilate,
+               const StageObserver& observer) {
+    PassListRun run(algo, input, output, list, dilate, observer);
+    run.run();
 }
 
 } // namespace generic
