@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "host/Kernel.h"
+#include "host/generic/Generic.h"
 
 namespace lyn {
 namespace shapes {
@@ -141,6 +142,10 @@ std::unique_ptr<morphology::StructuringElementMorphology> makeAlgorithm(const Sh
     oriented.angle2 = (*p.angles)[1];
     oriented.size = is(shape, "disk3d") ? radius : length;
     return algo;
+}
+
+std::array<long, 3> reach(const ShapeInfo& shape, const ShapeParams& params) {
+    return generic::reach(makeAlgorithm(shape, params, true)->passList());
 }
 
 std::string describeShapes(const std::string& indent) {

@@ -67,6 +67,10 @@ bool isIdentity(const ShapeInfo& shape, const ShapeParams& params);
 std::unique_ptr<morphology::StructuringElementMorphology> makeAlgorithm(const ShapeInfo& shape,
                                                                         const ShapeParams& params, bool dilate);
 
+// How far the shape reads from an output voxel along (column, row, plan), in either direction;
+// `params` must have passed validate().
+std::array<long, 3> reach(const ShapeInfo& shape, const ShapeParams& params);
+
 // One line per shape: name, dimensionality, options, summary.
 std::string describeShapes(const std::string& indent = "  ");
 

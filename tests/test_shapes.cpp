@@ -328,4 +328,26 @@ TEST(ShapeTableTest, BuildsTheConfiguredAlgorithm) {
     EXPECT_FALSE(shapes::isIdentity(shapes::findShape("square"), {}));  // radius defaults to 1
 }
 
+TEST(ShapeTableTest, ReachIsWhatATileNeedsAroundIt) {
+    struct Case {
+        const char* shape;
+        unsigned long long radius, length;
+        bool exact;
+        std::array<long, 3> reach;
+    };
+    const Case cases[] = {{"square", 3, 0, false, {3, 3, 0}}, {"cube", 2, 0, false, {2, 2, 2}},
+                          {"disk", 5, 0, false, {5, 5, 0}},   {"disk", 5, 0, true, {5, 5, 0}},
+                          {"ball", 7, 0, false, {7, 7, 7}},   {"line", 0, 8, false, {4, 2, 0}}};
+    for (const Case& c : cases) {
+        shapes::ShapeParams p;
+        if (c.radius) p.radius = c.radius;
+        if (c.length) {
+            p.length = c.length;
+            p.angle = 30;
+        }
+        p.exact = c.exact;
+        EXPECT_EQ(shapes::reach(shapes::findShape(c.shape), p), c.reach) << c.shape;
+    }
+}
+
 } // namespace

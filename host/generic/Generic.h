@@ -2,6 +2,7 @@
 // The host's own implementations: portable scalar code for every voxel type the host serves.
 // They define the results the plug-in must reproduce bit for bit, fold order included (the order
 // decides which value wins among NaNs and signed zeros).
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <vector>
@@ -45,6 +46,9 @@ PassList fastDiskPasses(unsigned radius);
 PassList fastBallPasses(unsigned radius);
 // The reflected structuring element: offsets negated in place (the fixed operators are symmetric).
 PassList mirror(PassList list);
+// How far a run reads from an output voxel along (column, row, plan), in either direction: what a
+// tile of a larger image needs around it to compute its voxels as the whole image would.
+std::array<long, 3> reach(const PassList& list);
 
 // What a run does, stage by stage, for tests and diagnostics: called as each stage starts.
 struct StageStart {

@@ -2,6 +2,7 @@
 // window of padded rows (2D) or plans (3D) that always reaches at least the row or plan written, so a
 // pass may read and write the same image: everything it still needs was read before being overwritten.
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -67,6 +68,20 @@ PassList mirror(PassList list) {
     for (Stage& s : list)
         for (auto& o : s.offsets) o = {-o.x, -o.y, -o.z};
     return list;
+}
+
+std::array<long, 3> reach(const PassList& list) {
+    std::array<long, 3> total{0, 0, 0};
+    for (const Stage& s : list) {
+        std::array<long, 3> one{1, 1, reachesAcrossPlans(s.neighbourhood) ? 1 : 0};
+        if (s.neighbourhood == Neighbourhood::Offsets2D || s.neighbourhood == Neighbourhood::Offsets3D) {
+            one = {0, 0, 0};
+            for (const auto& o : s.offsets)
+                one = {std::max(one[0], std::labs(o.x)), std::max(one[1], std::labs(o.y)), std::max(one[2], std::labs(o.z))};
+        }
+        for (int a = 0; a < 3; ++a) total[a] += one[a] * static_cast<long>(s.passes);
+    }
+    return total;
 }
 
 namespace {
