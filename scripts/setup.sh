@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages lyn needs to build, test and benchmark. Idempotent: quiet when all is there.
 set -euo pipefail
-pkgs=(g++ cmake ninja-build pkg-config libtbb-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libtiff-dev python3-numpy
+pkgs=(g++ cmake ninja-build pkg-config libtbb-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libtiff-dev libpng-dev python3-numpy
   python3-dev pybind11-dev python3-pytest python3-dask python3-distributed python3-scipy)
 missing=()
 for p in "${pkgs[@]}"; do

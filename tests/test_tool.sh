@@ -192,11 +192,20 @@ report "existing output without --force: exit 2, file untouched" $?
   "$PY" "$REF" morph u1_2d.npy dilate 8 1 existing.npy 2>>err
 report "existing output with --force is replaced" $?
 
-# --- demo: its outputs are the dilation and erosion it announces ---------------------------
+# --- demo: its outputs are the dilation and erosion it announces, and a PNG montage ----------
 "$LYN" demo --size 24 --out demo >out 2>err &&
   "$PY" "$REF" morph demo/volume.npy dilate 26 2 demo/dilated.npy 2>>err &&
-  "$PY" "$REF" morph demo/volume.npy erode 6 2 demo/eroded.npy 2>>err
-report "demo writes a volume and its cube dilation and erosion" $?
+  "$PY" "$REF" morph demo/volume.npy erode 6 2 demo/eroded.npy 2>>err &&
+  grep -q "speed-up" out && grep -q "dilate line3d" out && ! grep -q DIFFER out &&
+  [ "$(head -c 8 demo/montage.png | od -An -tx1 | tr -d ' ')" = 89504e470d0a1a0a ]
+report "demo tours the shapes, writes its volume, cube results and a PNG montage" $?
+touch notadir
+"$LYN" demo --size 24 --out notadir >out 2>err
+[ $? -eq 2 ] && grep -qF -- "--out" err
+report "demo --out naming a file: exit 2 naming --out" $?
+"$LYN" demo --size 5000 --out demo2 >out 2>err
+[ $? -eq 2 ] && grep -qF -- "--size" err && [ ! -e demo2 ]
+report "demo --size 5000: exit 2 naming --size, nothing created" $?
 
 # --- cancellation ----------------------------------------------------------------------------
 # Background jobs of a non-interactive shell start with SIGINT ignored, so a signal that comes

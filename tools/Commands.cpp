@@ -11,8 +11,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <iostream>
 #include <limits>
+#include <optional>
 #include <random>
 #include <sstream>
 
@@ -22,6 +24,7 @@
 #include "host/Shapes.h"
 #include "host/Settings.h"
 #include "tools/Npy.h"
+#include "tools/Png.h"
 #include "tools/Progress.h"
 #include "tools/Tiff.h"
 
@@ -244,12 +247,28 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
     return 0;
 }
 
-int runDemo(const std::string& outDir, long long size, const CommonOptions& common) {
-    const std::uint64_t n = size > 0 ? static_cast<std::uint64_t>(size) : 256;
-    if (::mkdir(outDir.c_str(), 0755) != 0 && errno != EEXIST)
-        throw UsageError("--out: cannot create " + outDir + ": " + std::strerror(errno));
-    // A synthetic "CT" volume: bright spheres on a noisy background, the same on every run.
-    MemoryImage volume(UInt8, n, n, n);
+namespace {
+
+double millisecondsSince(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// Compute time of an algorithm, the better of two runs (the first also warms caches and threads).
+double bestOfTwo(BaseAlgorithm& algo) {
+    double best = 0;
+    for (int i = 0; i < 2; ++i) {
+        const auto t0 = std::chrono::steady_clock::now();
+        algo.execute();
+        const double ms = millisecondsSince(t0);
+        best = i == 0 ? ms : std::min(best, ms);
+    }
+    return best;
+}
+
+// A synthetic "CT" volume: bright spheres on a noisy background, the same on every run.
+std::unique_ptr<MemoryImage> demoVolume(std::uint64_t n) {
+    auto image = std::make_unique<MemoryImage>(UInt8, n, n, n);
+    MemoryImage& volume = *image;
     std::mt19937 rng(12345);
     std::uniform_int_distribution<int> noise(0, 40);
     auto* v = volume.dataAs<std::uint8_t>();
@@ -264,30 +283,146 @@ int runDemo(const std::string& outDir, long long size, const CommonOptions& comm
                     if (d < r) v[volume.index(x, y, z)] = static_cast<std::uint8_t>(150 + 100 * (1 - d / r));
                 }
     }
-    const std::string in = outDir + "/volume.npy";
-    io::writeNpy(in, volume, 3);
-    std::printf("demo volume: %s (%s)\n", in.c_str(), volume.describe().c_str());
+    return image;
+}
 
-    CommonOptions c = common;
-    c.force = true;
-    c.quiet = true;
-    auto timed = [](const char* what, auto&& fn) {
-        auto t0 = std::chrono::steady_clock::now();
-        int rc = fn();
-        double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-        std::printf("%-44s %9.1f ms\n", what, ms);
-        return rc;
+// Tiles of one plan each, `columns` to a row, parted by white lines.
+struct Montage {
+    Montage(std::uint32_t tileSize, std::uint32_t perRow) : tile(tileSize), columns(perRow) {}
+    std::uint32_t tile, columns, gap = 4;
+    std::vector<std::vector<std::uint8_t>> tiles;
+    void add(const MemoryImage& image, std::uint64_t plan) {
+        const auto* v = image.dataAs<std::uint8_t>() + image.index(0, 0, static_cast<long>(plan));
+        tiles.emplace_back(v, v + std::size_t(tile) * tile);
+    }
+    void write(const std::string& path) const {
+        const std::uint32_t rows = static_cast<std::uint32_t>((tiles.size() + columns - 1) / columns);
+        const std::uint32_t w = columns * tile + (columns - 1) * gap, h = rows * tile + (rows - 1) * gap;
+        std::vector<std::uint8_t> pixels(std::size_t(w) * h, 255);
+        for (std::size_t t = 0; t < tiles.size(); ++t) {
+            const std::size_t x0 = (t % columns) * (tile + gap), y0 = (t / columns) * (tile + gap);
+            for (std::uint32_t y = 0; y < tile; ++y)
+                std::copy_n(tiles[t].data() + std::size_t(y) * tile, tile, pixels.data() + (y0 + y) * w + x0);
+        }
+        io::writePngGray8(path, w, h, pixels);
+    }
+};
+
+} // namespace
+
+int runDemo(const std::string& outDir, long long size, const CommonOptions& common) {
+    // A 1024³ volume is 1 GiB, and the tour keeps several of them.
+    if (size > 1024) throw UsageError("--size: at most 1024, not " + std::to_string(size));
+    const std::uint64_t n = size > 0 ? static_cast<std::uint64_t>(size) : 256;
+    struct stat st {};
+    if (::stat(outDir.c_str(), &st) == 0 && !S_ISDIR(st.st_mode))
+        throw UsageError("--out: " + outDir + " exists and is not a directory");
+    if (::mkdir(outDir.c_str(), 0755) != 0 && errno != EEXIST)
+        throw UsageError("--out: cannot create " + outDir + ": " + std::strerror(errno));
+    if (::access(outDir.c_str(), W_OK) != 0) throw UsageError("--out: cannot write into " + outDir);
+
+    const auto image = demoVolume(n);
+    const MemoryImage& volume = *image;
+    std::printf("demo volume: %s, synthetic spheres on noise\n", volume.describe().c_str());
+    std::printf("compute times, best of two runs, files apart; \"generic\" is the host's portable code alone\n");
+    std::printf("%-46s %10s %10s %9s  %s\n", "operation", "compute", "generic", "speed-up", "served by");
+    auto row = [](const std::string& what, double ms, double genericMs, const char* servedBy, bool same) {
+        std::printf("%-46s %7.1f ms %7.1f ms %8.1fx  %s%s\n", what.c_str(), ms, genericMs, genericMs / ms, servedBy,
+                    same ? "" : "  RESULTS DIFFER");
     };
-    timed("extrema", [&] { return runExtrema(in, {}, false, c); });
-    ShapeOptions cube;
-    cube.shape = "cube";
-    cube.radius = 2;
-    timed("dilate --shape cube --radius 2 (26-connected)",
-          [&] { return runMorphology(true, in, outDir + "/dilated.npy", cube, c); });
-    cube.connectivity = 6;
-    timed("erode --shape cube --radius 2 --connectivity 6",
-          [&] { return runMorphology(false, in, outDir + "/eroded.npy", cube, c); });
-    std::printf("outputs written to %s/\n", outDir.c_str());
+    auto served = [](const BaseAlgorithm& a) { return a.getLastRunner() ? "plug-in" : "host generic code"; };
+    CommonOptions c = common;
+    c.quiet = true;
+    bool allSame = true;
+
+    {
+        analysis::IntensityExtrema fast, slow;
+        analysis::IntensityExtremaMsr a, b;
+        applyCommon(fast, c);
+        applyCommon(slow, c);
+        slow.setUsePlugin(false);
+        fast.inputImage = &volume;
+        slow.inputImage = &volume;
+        fast.result = &a;
+        slow.result = &b;
+        const double ms = bestOfTwo(fast), genericMs = bestOfTwo(slow);
+        const bool same = a.minimum().at(0) == b.minimum().at(0) && a.maximum().at(0) == b.maximum().at(0);
+        allSame = allSame && same;
+        row("extrema (min " + std::to_string(long(a.minimum().at(0))) + ", max " +
+                std::to_string(long(a.maximum().at(0))) + ")",
+            ms, genericMs, served(fast), same);
+    }
+
+    struct Step {
+        const char* label;
+        bool dilate;
+        const char* shape;
+        shapes::ShapeParams params;
+        const char* file;  // written when not null
+    };
+    auto params = [](std::optional<unsigned long long> radius, std::optional<int> connectivity, bool exact,
+                     std::optional<unsigned long long> length, std::optional<double> angle,
+                     std::optional<std::array<double, 2>> angles) {
+        shapes::ShapeParams p;
+        p.radius = radius;
+        p.connectivity = connectivity;
+        p.exact = exact;
+        p.length = length;
+        p.angle = angle;
+        p.angles = angles;
+        return p;
+    };
+    const std::nullopt_t none = std::nullopt;
+    const std::vector<Step> steps = {
+        {"dilate cube r 2 (26-connected)", true, "cube", params(2, none, false, none, none, none), "dilated.npy"},
+        {"erode cube r 2 (6-connected)", false, "cube", params(2, 6, false, none, none, none), "eroded.npy"},
+        {"dilate ball r 4 (6/18/26 passes)", true, "ball", params(4, none, false, none, none, none), nullptr},
+        {"dilate ball r 3 --exact (123 offsets)", true, "ball", params(3, none, true, none, none, none), nullptr},
+        {"erode disk r 5, slice by slice", false, "disk", params(5, none, false, none, none, none), nullptr},
+        {"erode disk r 5 --exact, slice by slice", false, "disk", params(5, none, true, none, none, none), nullptr},
+        {"dilate line L 15 at 30 degrees, slice by slice", true, "line", params(none, none, false, 15, 30.0, none),
+         nullptr},
+        {"dilate line3d L 9, angles 30,45", true, "line3d",
+         params(none, none, false, 9, none, std::array<double, 2>{30, 45}), nullptr},
+        {"erode disk3d r 3, angles 0,45", false, "disk3d",
+         params(3, none, false, none, none, std::array<double, 2>{0, 45}), nullptr},
+    };
+    Montage montage(static_cast<std::uint32_t>(n), 5);
+    montage.add(volume, n / 2);
+    std::vector<std::pair<std::string, std::unique_ptr<MemoryImage>>> outputs;
+    for (const Step& step : steps) {
+        const shapes::ShapeInfo& shape = shapes::findShape(step.shape);
+        auto fast = shapes::makeAlgorithm(shape, step.params, step.dilate);
+        auto slow = shapes::makeAlgorithm(shape, step.params, step.dilate);
+        applyCommon(*fast, c);
+        applyCommon(*slow, c);
+        slow->setUsePlugin(false);
+        auto result = std::make_unique<MemoryImage>();
+        MemoryImage& out = *result;
+        MemoryImage reference;
+        fast->setImages(&volume, &out);
+        slow->setImages(&volume, &reference);
+        const double ms = bestOfTwo(*fast), genericMs = bestOfTwo(*slow);
+        const bool same = std::memcmp(out.dataAs<std::uint8_t>(), reference.dataAs<std::uint8_t>(),
+                                      out.getSizeInBytes()) == 0;
+        allSame = allSame && same;
+        row(step.label, ms, genericMs, served(*fast), same);
+        montage.add(out, n / 2);
+        if (step.file) outputs.emplace_back(outDir + "/" + step.file, std::move(result));
+    }
+
+    const auto t0 = std::chrono::steady_clock::now();
+    const std::string in = outDir + "/volume.npy", picture = outDir + "/montage.png";
+    io::writeNpy(in, volume, 3);
+    for (const auto& [path, result] : outputs) io::writeNpy(path, *result, 3);
+    montage.write(picture);
+    std::printf("files: %s and %zu results written in %.1f ms\n", in.c_str(), outputs.size(), millisecondsSince(t0));
+    std::printf("montage of plan %llu: %s (the input, then each operation above in order, %u to a row)\n",
+                static_cast<unsigned long long>(n / 2), picture.c_str(), montage.columns);
+    if (!allSame) {
+        std::fprintf(stderr, "lyn: demo: the plug-in and the generic code gave different results\n");
+        return 1;
+    }
     return 0;
 }
 

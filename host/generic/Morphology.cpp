@@ -119,7 +119,6 @@ struct Plane {
     std::vector<T> data;
     // Column 0 of row y + dy, shifted by dx columns.
     const T* row(long y, long dy, long dx) const { return data.data() + (y + padY + dy) * width + padX + dx; }
-    T at(long x, long y, long dx, long dy) const { return row(y, dy, dx)[x]; }
 };
 
 template <class T, class V>
@@ -134,65 +133,59 @@ void readPlane(const V& view, Plane<T>& plane, const Reach& r, long nc, long nr,
     }
 }
 
-template <bool D, class T>
-T fold2d(Neighbourhood n, const Plane<T>& p, long x, long y) {
-    if (n == Neighbourhood::Cross4) {
-        T acc = p.at(x, y, 0, -1);
-        acc = f<D>(acc, p.at(x, y, -1, 0));
-        acc = f<D>(acc, p.at(x, y, 0, 0));
-        acc = f<D>(acc, p.at(x, y, 1, 0));
-        return f<D>(acc, p.at(x, y, 0, 1));
-    }
-    auto h = [&](long dy) { return f<D>(f<D>(p.at(x, y, -1, dy), p.at(x, y, 0, dy)), p.at(x, y, 1, dy)); };
-    return f<D>(f<D>(h(-1), h(0)), h(1));
-}
+// An operator as groups of offsets: each group is folded in its order, then the groups' results are
+// folded in order. The fixed operators fold this way (a square is three rows of three, the
+// 26-neighbourhood three rows of nine across the plans), an offset list is one group.
+using Groups = std::vector<std::vector<kernel::Offset3D>>;
 
-// (plan, row, column) offsets of the 18-neighbourhood in fold order.
-constexpr int k18[19][3] = {{-1, -1, 0}, {-1, 0, -1}, {-1, 0, 0}, {-1, 0, 1}, {-1, 1, 0}, {0, -1, -1}, {0, -1, 0},
-                            {0, -1, 1},  {0, 0, -1},  {0, 0, 0},  {0, 0, 1},  {0, 1, -1}, {0, 1, 0},   {0, 1, 1},
-                            {1, -1, 0},  {1, 0, -1},  {1, 0, 0},  {1, 0, 1},  {1, 1, 0}};
-
-// `plane(dz)` is the padded plan z + dz.
-template <bool D, class T, class PlaneAt>
-T fold3d(Neighbourhood n, const PlaneAt& plane, long x, long y) {
-    auto at = [&](int dz, int dy, int dx) { return plane(dz).at(x, y, dx, dy); };
-    switch (n) {
-    case Neighbourhood::Six: {
-        T acc = at(-1, 0, 0);
-        acc = f<D>(acc, at(0, -1, 0));
-        acc = f<D>(acc, at(0, 0, -1));
-        acc = f<D>(acc, at(0, 0, 0));
-        acc = f<D>(acc, at(0, 0, 1));
-        acc = f<D>(acc, at(0, 1, 0));
-        return f<D>(acc, at(1, 0, 0));
+Groups groupsOf(const Stage& stage) {
+    switch (stage.neighbourhood) {
+    case Neighbourhood::Cross4: return {{{0, -1, 0}, {-1, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}}};
+    case Neighbourhood::Square8: {
+        Groups g;
+        for (long dy = -1; dy <= 1; ++dy) g.push_back({{-1, dy, 0}, {0, dy, 0}, {1, dy, 0}});
+        return g;
     }
+    case Neighbourhood::Six:
+        return {{{0, 0, -1}, {0, -1, 0}, {-1, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
     case Neighbourhood::Eighteen: {
-        T acc = at(k18[0][0], k18[0][1], k18[0][2]);
-        for (int k = 1; k < 19; ++k) acc = f<D>(acc, at(k18[k][0], k18[k][1], k18[k][2]));
-        return acc;
+        Groups g(1);
+        for (long dz = -1; dz <= 1; ++dz)
+            for (long dy = -1; dy <= 1; ++dy)
+                for (long dx = -1; dx <= 1; ++dx)
+                    if (std::labs(dx) + std::labs(dy) + std::labs(dz) <= 2) g[0].push_back({dx, dy, dz});
+        return g;
     }
-    default: {
-        // Nine voxels of one row across the three plans, plan by plan, then the three rows.
-        auto r = [&](int dy) {
-            T acc = at(-1, dy, -1);
-            for (int dz = -1; dz <= 1; ++dz)
-                for (int dx = -1; dx <= 1; ++dx)
-                    if (dz != -1 || dx != -1) acc = f<D>(acc, at(dz, dy, dx));
-            return acc;
-        };
-        return f<D>(f<D>(r(-1), r(0)), r(1));
+    case Neighbourhood::TwentySix: {
+        Groups g;
+        for (long dy = -1; dy <= 1; ++dy) {
+            g.emplace_back();
+            for (long dz = -1; dz <= 1; ++dz)
+                for (long dx = -1; dx <= 1; ++dx) g.back().push_back({dx, dy, dz});
+        }
+        return g;
     }
+    default: return {stage.offsets};
     }
 }
 
-// Output row y of an offset operator: the offsets folded in list order, a whole row per offset.
+// Folds one group for output row y into `out`, a whole row per offset.
 template <bool D, class T, class PlaneAt>
-void foldOffsets(const std::vector<kernel::Offset3D>& offsets, const PlaneAt& plane, long y, long nc, T* out) {
+void foldGroup(const std::vector<kernel::Offset3D>& offsets, const PlaneAt& plane, long y, long nc, T* out) {
     const T* first = plane(offsets[0].z).row(y, offsets[0].y, offsets[0].x);
     std::copy(first, first + nc, out);
     for (std::size_t k = 1; k < offsets.size(); ++k) {
         const T* in = plane(offsets[k].z).row(y, offsets[k].y, offsets[k].x);
         for (long x = 0; x < nc; ++x) out[x] = f<D>(out[x], in[x]);
+    }
+}
+
+template <bool D, class T, class PlaneAt>
+void foldRow(const Groups& groups, const PlaneAt& plane, long y, long nc, T* out, T* scratch) {
+    foldGroup<D>(groups[0], plane, y, nc, out);
+    for (std::size_t g = 1; g < groups.size(); ++g) {
+        foldGroup<D>(groups[g], plane, y, nc, scratch);
+        for (long x = 0; x < nc; ++x) out[x] = f<D>(out[x], scratch[x]);
     }
 }
 
@@ -207,13 +200,12 @@ void runStage(algorithms::AbstractPrivateImplementation& ctx, const ImageModel& 
               const Stage& stage, bool readsInput) {
     using T = typename Traits::type;
     using ViewT = access::View<T, std::allocator<T>>;
-    const Neighbourhood n = stage.neighbourhood;
-    const bool offsets = n == Neighbourhood::Offsets2D || n == Neighbourhood::Offsets3D;
     if (!writesOutput(stage)) return;
+    const Groups groups = groupsOf(stage);
     auto bc = access::FixedBorderCondition<T>::New(D ? Traits::lowest() : Traits::highest());
     const Extents e = input.extents();
     const long nc = long(e[0]), nr = long(e[1]), np = long(e[2]), ns = long(e[3]), nl = long(e[4]);
-    const bool across = reachesAcrossPlans(n);
+    const bool across = reachesAcrossPlans(stage.neighbourhood);
     const Reach reach = reachOf(stage);
     const double total = double(stage.passes) * double(nl) * double(ns) * double(np);
     double done = 0;
@@ -221,7 +213,7 @@ void runStage(algorithms::AbstractPrivateImplementation& ctx, const ImageModel& 
         if (ctx.isCancelled()) throw ExceptionCancelation();
         ctx.reportFraction(++done / total);
     };
-    std::vector<T> out(static_cast<std::size_t>(nc));
+    std::vector<T> out(static_cast<std::size_t>(nc)), scratch(static_cast<std::size_t>(nc));
     auto dst = ViewT::New(&output, bc);
     auto write = [&](long y, long z, long s, long l) {
         if (nc) dst->writeRowAt(nc, out.data(), 0, y, z, s, l);
@@ -239,9 +231,7 @@ void runStage(algorithms::AbstractPrivateImplementation& ctx, const ImageModel& 
                         auto plane = [&](long) -> const Plane<T>& { return p; };
                         for (long y = 0; y < nr; ++y) {
                             if (ctx.isCancelled()) throw ExceptionCancelation();
-                            if (offsets) foldOffsets<D>(stage.offsets, plane, y, nc, out.data());
-                            else
-                                for (long x = 0; x < nc; ++x) out[x] = fold2d<D>(n, p, x, y);
+                            foldRow<D>(groups, plane, y, nc, out.data(), scratch.data());
                             write(y, g, s, l);
                         }
                         advance();
@@ -256,9 +246,7 @@ void runStage(algorithms::AbstractPrivateImplementation& ctx, const ImageModel& 
                         readPlane(*src, slot(z + reach.z1), reach, nc, nr, z + reach.z1, s, l);
                         auto plane = [&](long dz) -> const Plane<T>& { return slot(z + dz); };
                         for (long y = 0; y < nr; ++y) {
-                            if (offsets) foldOffsets<D>(stage.offsets, plane, y, nc, out.data());
-                            else
-                                for (long x = 0; x < nc; ++x) out[x] = fold3d<D, T>(n, plane, x, y);
+                            foldRow<D>(groups, plane, y, nc, out.data(), scratch.data());
                             write(y, z, s, l);
                         }
                         advance();
