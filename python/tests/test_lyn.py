@@ -310,3 +310,20 @@ def test_outputs_and_lyn_empty_are_aligned_for_vector_stores():
     assert lyn.empty_like(image.astype(">f4")).dtype == np.float32 and lyn.empty(0, np.uint8).shape == (0,)
     out = lyn.empty_like(image)
     assert same_bits(lyn.dilate(image, "cube", out=out), lyn.dilate(image, "cube"))
+
+
+def test_contiguous_inputs_and_out_are_not_copied():
+    import tracemalloc
+
+    image = random_image((16, 256, 256), np.uint16, specials=False)  # 2 MiB
+    out = lyn.empty_like(image)
+    lyn.dilate(image, "cube", out=out)
+    tracemalloc.start()
+    try:
+        lyn.dilate(image, "cube", out=out)
+        lyn.erode(out, "cube", out=out)
+        lyn.extrema(image)
+        _, peak = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert peak < image.nbytes // 8
