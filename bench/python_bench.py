@@ -119,7 +119,7 @@ def dask_cluster(args, volume):
     import lyn.dask
 
     print(f"\n## lyn.dask on a 2-worker LocalCluster, 64^3 chunks (cube 26, radius 1, {SHAPE} uint8)")
-    cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None,
+    cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0",
                                        silence_logs=50)
     client = distributed.Client(cluster)
     try:

@@ -31,7 +31,7 @@ def main():
     args = ap.parse_args()
 
     cluster = distributed.LocalCluster(n_workers=args.workers, threads_per_worker=1, processes=True,
-                                       memory_limit=args.memory_limit, dashboard_address=None, silence_logs=40)
+                                       memory_limit=args.memory_limit, dashboard_address=":0", silence_logs=40)
     client = distributed.Client(cluster)
     try:
         n = args.size

@@ -26,50 +26,42 @@ def _integer(name, value, minimum):
 
 
 def _real(name, value):
-    if isinstance(value, bool) or not isinstance(value, numbers.Real) or not math.isfinite(value):
-        raise ValueError(f"{name}: expected a finite number of degrees, got {value!r}")
+    if isinstance(value, bool) or not isinstance(value, numbers.Real):
+        raise ValueError(f"{name}: expected a number of degrees, got {value!r}")
     return float(value)
 
 
 def shapes():
-    """Every shape: name -> (dimensions, options it takes, options it requires)."""
+    """Every shape: name -> (dimensions, options taken, options required, summary)."""
     return _lyn.shapes()
 
 
-def _shape_values(shape, radius, connectivity, length, angle, angles, exact):
-    """Checks the shape's options as the caller gave them and packs them for the compiled module."""
-    table = _lyn.shapes()
-    if not isinstance(shape, str) or shape not in table:
-        raise ValueError(f"shape: unknown shape {shape!r} ({', '.join(table)})")
-    _, takes, requires = table[shape]
-    given = {"radius": radius is not None, "connectivity": connectivity is not None, "length": length is not None,
-             "angle": angle is not None, "angles": angles is not None, "exact": exact is not None}
-    for name, present in given.items():
-        if present and name not in takes:
-            raise ValueError(f"{name}: does not apply to shape={shape!r} (it takes {', '.join(takes)})")
-    for name in requires:
-        if not given[name]:
-            raise ValueError(f"{name}: is required with shape={shape!r}")
-    v = _lyn.ShapeValues()
+def _shape_options(shape, radius, connectivity, length, angle, angles, exact):
+    """The options the caller gave, as plain Python values; the host's shape table checks the rest
+    (which options the shape takes, which it requires, their ranges)."""
+    if not isinstance(shape, str):
+        raise ValueError(f"shape: expected a shape name, got {shape!r}")
+    options = {}
     if radius is not None:
-        v.radius = _integer("radius", radius, 0)
+        options["radius"] = _integer("radius", radius, 0)
     if connectivity is not None:
-        v.connectivity = _integer("connectivity", connectivity, 0)
+        options["connectivity"] = _integer("connectivity", connectivity, 0)
     if length is not None:
-        v.length = _integer("length", length, 1)
+        options["length"] = _integer("length", length, 0)
     if angle is not None:
-        v.angle = _real("angle", angle)
+        options["angle"] = _real("angle", angle)
     if angles is not None:
         try:
             a1, a2 = angles
         except (TypeError, ValueError):
             raise ValueError(f"angles: expected two numbers (azimuth, elevation), got {angles!r}") from None
-        v.angle1, v.angle2 = _real("angles", a1), _real("angles", a2)
+        options["angles"] = (_real("angles", a1), _real("angles", a2))
     if exact is not None:
         if not isinstance(exact, bool):
             raise ValueError(f"exact: expected True or False, got {exact!r}")
-        v.exact = exact
-    return v
+        if exact:
+            options["exact"] = True
+    return options
 
 
 def _common(threads, progress, cancel):
@@ -86,15 +78,16 @@ def _common(threads, progress, cancel):
 
 def _morphology(dilate, image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
                 progress, cancel):
-    values = _shape_values(shape, radius, connectivity, length, angle, angles, exact)
+    options = _shape_options(shape, radius, connectivity, length, angle, angles, exact)
     threads = _common(threads, progress, cancel)
-    return _lyn.morphology(dilate, image, shape, values, out, threads, bool(generic), progress, cancel)
+    return _lyn.morphology(dilate, image, shape, options, out, threads, bool(generic), progress, cancel)
 
 
 _MORPHOLOGY_DOC = """{what} of `image` by a structuring element.
 
-    shape: "square" (2D, applied plan by plan on volumes), "cube", "disk", "ball", "line",
-        "disk3d", "line3d"; see `lyn.shapes()` for the options each takes.
+    shape: "square", "cube", "disk", "ball", "line", "disk3d", "line3d"; see `lyn.shapes()` for the
+        options each takes. A 2D shape applies plan by plan to a volume; a 3D shape sees a 2D
+        image as a volume of one plan.
     radius, connectivity, length, angle (degrees), angles (azimuth, elevation in degrees), exact:
         the shape's options, as on the command line.
     out: a C-contiguous array of the image's dtype and shape to write into (may be `image`

@@ -28,12 +28,12 @@ def _check_array(array):
 def depth(array, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None):
     """The overlap per axis that `shape` needs on `array` (a dict axis -> depth, clipped to the extent)."""
     _check_array(array)
-    values = _lyn_pkg._shape_values(shape, radius, connectivity, length, angle, angles, exact)
-    return _depth(array, shape, values)
+    options = _lyn_pkg._shape_options(shape, radius, connectivity, length, angle, angles, exact)
+    return _depth(array, shape, options)
 
 
-def _depth(array, shape, values):
-    plans, rows, cols = _lyn.reach(shape, values, min(array.ndim, 3))
+def _depth(array, shape, options):
+    plans, rows, cols = _lyn.reach(shape, options)
     reach = [0] * array.ndim
     reach[-1], reach[-2] = cols, rows
     if array.ndim >= 3:
@@ -42,23 +42,23 @@ def _depth(array, shape, values):
     return {axis: max(0, min(r, n - 1)) for axis, (r, n) in enumerate(zip(reach, array.shape))}
 
 
-def _block(block, dilate, shape, values, threads, generic):
-    return _lyn.morphology(dilate, block, shape, values, None, threads, generic, None, None)
+def _block(block, dilate, shape, options, threads, generic):
+    return _lyn.morphology(dilate, block, shape, options, None, threads, generic, None, None)
 
 
 def _morphology(dilate, array, shape, radius, connectivity, length, angle, angles, exact, threads, generic):
     _check_array(array)
-    values = _lyn_pkg._shape_values(shape, radius, connectivity, length, angle, angles, exact)
+    options = _lyn_pkg._shape_options(shape, radius, connectivity, length, angle, angles, exact)
     threads = _lyn_pkg._common(threads, None, None)
-    # Fails here, not on the workers, for a dtype or a shape this build cannot compute.
+    # Fails here, not on the workers, for a bad dtype or option.
     try:
-        _lyn.morphology(dilate, np.zeros((1,) * array.ndim, array.dtype), shape, values, None, 1, True, None, None)
+        _lyn.morphology(dilate, np.zeros((1,) * array.ndim, array.dtype), shape, options, None, 1, True, None, None)
     except TypeError as e:
         raise TypeError(str(e).replace("image:", "array:", 1)) from None
     if array.size == 0:
         return array.copy()
-    fn = functools.partial(_block, dilate=dilate, shape=shape, values=values, threads=threads, generic=bool(generic))
-    return array.map_overlap(fn, depth=_depth(array, shape, values), boundary="none", trim=True, dtype=array.dtype,
+    fn = functools.partial(_block, dilate=dilate, shape=shape, options=options, threads=threads, generic=bool(generic))
+    return array.map_overlap(fn, depth=_depth(array, shape, options), boundary="none", trim=True, dtype=array.dtype,
                              meta=np.empty((0,) * array.ndim, array.dtype))
 
 

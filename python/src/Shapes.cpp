@@ -1,8 +1,12 @@
 #include "python/src/Shapes.h"
 
-#include <limits>
+#include <pybind11/stl.h>
 
-#include "host/Algorithms.h"
+#include <algorithm>
+#include <cstdlib>
+
+#include "host/Kernel.h"
+#include "host/generic/Generic.h"
 
 namespace py = pybind11;
 
@@ -11,102 +15,85 @@ namespace python {
 
 namespace {
 
-struct ShapeEntry {
-    const char* name;
-    int dimensions;
-    const char* options;   // comma-separated
-    const char* required;  // comma-separated
-};
-
-// The tool's shapes and their options; square and cube are computed by this build.
-constexpr ShapeEntry kShapes[] = {
-    {"square", 2, "radius,connectivity", ""},
-    {"cube", 3, "radius,connectivity", ""},
-    {"disk", 2, "radius,exact", "radius"},
-    {"ball", 3, "radius,exact", "radius"},
-    {"line", 2, "length,angle", "length"},
-    {"disk3d", 3, "radius,angles", "radius"},
-    {"line3d", 3, "length,angles", "length"},
-};
-
-py::tuple split(const char* list) {
-    py::list out;
-    std::string s(list);
-    for (std::size_t i = 0; i < s.size();) {
-        std::size_t j = s.find(',', i);
-        if (j == std::string::npos) j = s.size();
-        out.append(s.substr(i, j - i));
-        i = j + 1;
-    }
-    return py::tuple(out);
+py::tuple optionNames(unsigned bits) {
+    py::list names;
+    for (unsigned bit = 1; bit <= shapes::Angles; bit <<= 1)
+        if (bits & bit) names.append(shapes::optionName(static_cast<shapes::Option>(bit)));
+    return py::tuple(names);
 }
 
-const ShapeEntry& entry(const std::string& shape) {
-    for (const ShapeEntry& e : kShapes)
-        if (shape == e.name) return e;
-    std::string names;
-    for (const ShapeEntry& e : kShapes) names += (names.empty() ? "" : ", ") + std::string(e.name);
-    throw py::value_error("shape: unknown shape '" + shape + "' (" + names + ")");
+// The package has checked the values' Python types; the table checks the rest.
+shapes::ShapeParams paramsOf(const py::dict& options) {
+    shapes::ShapeParams p;
+    for (auto item : options) {
+        const std::string name = py::str(item.first);
+        py::handle v = item.second;
+        if (name == "radius") p.radius = v.cast<unsigned long long>();
+        else if (name == "connectivity") p.connectivity = v.cast<int>();
+        else if (name == "exact") p.exact = v.cast<bool>();
+        else if (name == "length") p.length = v.cast<unsigned long long>();
+        else if (name == "angle") p.angle = v.cast<double>();
+        else if (name == "angles") p.angles = v.cast<std::array<double, 2>>();
+        else throw py::value_error(name + ": not a shape option");
+    }
+    return p;
 }
 
-unsigned radiusOf(const ShapeValues& v) {
-    if (v.radius > long(std::numeric_limits<unsigned>::max())) throw py::value_error("radius: is too large");
-    return v.radius < 0 ? 1u : static_cast<unsigned>(v.radius);
-}
-
-template <class Algo>
-class SquareRun : public MorphologyRun {
-public:
-    SquareRun(unsigned radius, int neighbourhood) {
-        m_algo.kernelRadius = radius;
-        m_algo.neighborhood = neighbourhood;
-    }
-    BaseAlgorithm& algorithm() override { return m_algo; }
-    void bind(const ImageModel* input, ImageModel* output) override {
-        m_algo.inputImage = input;
-        m_algo.outputImage = output;
-    }
-    bool isIdentity() const override { return m_algo.kernelRadius == 0u; }
-
-private:
-    Algo m_algo;
+struct Resolved {
+    const shapes::ShapeInfo* info;
+    shapes::ShapeParams params;
 };
+
+Resolved resolve(const std::string& shape, const py::dict& options) {
+    try {
+        const shapes::ShapeInfo& info = shapes::findShape(shape);
+        shapes::ShapeParams params = paramsOf(options);
+        shapes::validate(info, params);
+        return {&info, params};
+    } catch (const shapes::ShapeError& e) {
+        throw py::value_error(e.option() + ": " + e.what());
+    }
+}
 
 } // namespace
 
-std::unique_ptr<MorphologyRun> makeMorphology(const std::string& shape, const ShapeValues& values, bool dilate,
-                                              const Extents&) {
-    const ShapeEntry& e = entry(shape);
-    const unsigned radius = radiusOf(values);
-    if (shape == "square") {
-        const long c = values.connectivity < 0 ? 8 : values.connectivity;
-        if (c != 8 && c != 4) throw py::value_error("connectivity: must be 8 or 4 with shape='square'");
-        const int n = c == 4 ? 0 : 1;
-        if (dilate) return std::make_unique<SquareRun<morphology::Dilation2d>>(radius, n);
-        return std::make_unique<SquareRun<morphology::Erosion2d>>(radius, n);
-    }
-    if (shape == "cube") {
-        const long c = values.connectivity < 0 ? 26 : values.connectivity;
-        if (c != 26 && c != 18 && c != 6) throw py::value_error("connectivity: must be 26, 18 or 6 with shape='cube'");
-        const int n = c == 6 ? 0 : c == 18 ? 1 : 2;
-        if (dilate) return std::make_unique<SquareRun<morphology::Dilation3d>>(radius, n);
-        return std::make_unique<SquareRun<morphology::Erosion3d>>(radius, n);
-    }
-    throw py::value_error("shape: '" + std::string(e.name) + "' is not available in this build of lyn (square and cube are)");
+std::unique_ptr<morphology::StructuringElementMorphology> makeMorphology(const std::string& shape,
+                                                                         const py::dict& options, bool dilate,
+                                                                         bool& identity) {
+    const Resolved r = resolve(shape, options);
+    identity = shapes::isIdentity(*r.info, r.params);
+    return shapes::makeAlgorithm(*r.info, r.params, dilate);
 }
 
 py::dict shapeTable() {
     py::dict d;
-    for (const ShapeEntry& e : kShapes) d[e.name] = py::make_tuple(e.dimensions, split(e.options), split(e.required));
+    for (const shapes::ShapeInfo& s : shapes::shapeTable())
+        d[s.name] = py::make_tuple(s.dimensions, optionNames(s.options), optionNames(s.required), s.summary);
     return d;
 }
 
-std::array<long, 3> shapeReach(const std::string& shape, const ShapeValues& values, int dimensions) {
-    const ShapeEntry& e = entry(shape);
-    const long r = long(radiusOf(values));
-    if (shape == "square") return {0, r, r};
-    if (shape == "cube") return {dimensions >= 3 ? r : 0, r, r};
-    throw py::value_error("shape: '" + std::string(e.name) + "' is not available in this build of lyn (square and cube are)");
+std::array<long, 3> shapeReach(const std::string& shape, const py::dict& options) {
+    const Resolved r = resolve(shape, options);
+    if (shapes::isIdentity(*r.info, r.params)) return {0, 0, 0};
+    std::array<long, 3> reach{0, 0, 0};
+    for (const generic::Stage& stage : shapes::makeAlgorithm(*r.info, r.params, true)->passList()) {
+        long z = 1, y = 1, x = 1;
+        if (stage.neighbourhood == generic::Neighbourhood::Offsets2D ||
+            stage.neighbourhood == generic::Neighbourhood::Offsets3D) {
+            long minX, maxX, minY, maxY, minZ, maxZ;
+            kernel::computeExtrema(stage.offsets, minX, maxX, minY, maxY, minZ, maxZ);
+            z = std::max(-minZ, maxZ);
+            y = std::max(-minY, maxY);
+            x = std::max(-minX, maxX);
+        } else if (!generic::reachesAcrossPlans(stage.neighbourhood)) {
+            z = 0;
+        }
+        const long passes = static_cast<long>(stage.passes);
+        reach[0] += z * passes;
+        reach[1] += y * passes;
+        reach[2] += x * passes;
+    }
+    return reach;
 }
 
 } // namespace python

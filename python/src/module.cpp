@@ -258,13 +258,14 @@ void applyCommon(BaseAlgorithm& algo, int threads, bool generic) {
     if (generic) algo.setUsePlugin(false);
 }
 
-py::object runMorphology(bool dilate, const py::object& imageObject, const std::string& shape, const ShapeValues& values,
+py::object runMorphology(bool dilate, const py::object& imageObject, const std::string& shape, const py::dict& options,
                       const py::object& outObject, int threads, bool generic, const py::object& progress,
                       const py::object& cancel) {
     VoxelTypes type;
     py::array input = checkedInput(imageObject, type);
     const Extents extents = extentsOf(input);
-    std::unique_ptr<MorphologyRun> run = makeMorphology(shape, values, dilate, extents);
+    bool identity = false;
+    std::unique_ptr<morphology::StructuringElementMorphology> algo = makeMorphology(shape, options, dilate, identity);
     py::array out;
     if (outObject.is_none()) out = alignedEmpty(input.dtype(), std::vector<py::ssize_t>(input.shape(), input.shape() + input.ndim()));
     else {
@@ -276,7 +277,7 @@ py::object runMorphology(bool dilate, const py::object& imageObject, const std::
         }
     }
     const bool inPlace = out.data() == input.data();
-    if (isEmpty(input) || run->isIdentity()) {
+    if (isEmpty(input) || identity) {
         // Zero passes leave the output untouched, so the copy is ours.
         if (!inPlace) std::memcpy(out.mutable_data(), input.data(), static_cast<std::size_t>(input.nbytes()));
         if (!progress.is_none()) progress(1.0);
@@ -284,9 +285,9 @@ py::object runMorphology(bool dilate, const py::object& imageObject, const std::
     }
     MemoryImage in(const_cast<void*>(input.data()), type, extents);
     MemoryImage result(out.mutable_data(), type, extents);
-    run->bind(&in, inPlace ? &in : &result);
-    applyCommon(run->algorithm(), threads, generic);
-    execute(run->algorithm(), progress, cancel);
+    algo->setImages(&in, inPlace ? &in : &result);
+    applyCommon(*algo, threads, generic);
+    execute(*algo, progress, cancel);
     return std::move(out);
 }
 
@@ -372,40 +373,13 @@ PYBIND11_MODULE(_lyn, m) {
     m.add_object("RuleError", py::handle(g_ruleError));
     m.add_object("Cancelled", py::handle(g_cancelled));
 
-    py::class_<ShapeValues>(m, "ShapeValues")
-        .def(py::init<>())
-        .def_readwrite("radius", &ShapeValues::radius)
-        .def_readwrite("connectivity", &ShapeValues::connectivity)
-        .def_readwrite("length", &ShapeValues::length)
-        .def_readwrite("angle", &ShapeValues::angle)
-        .def_readwrite("angle1", &ShapeValues::angle1)
-        .def_readwrite("angle2", &ShapeValues::angle2)
-        .def_readwrite("exact", &ShapeValues::exact)
-        // Chunked arrays send the values to worker processes.
-        .def(py::pickle(
-            [](const ShapeValues& v) {
-                return py::make_tuple(v.radius, v.connectivity, v.length, v.angle, v.angle1, v.angle2, v.exact);
-            },
-            [](const py::tuple& t) {
-                if (t.size() != 7) throw py::value_error("values: not a pickled ShapeValues");
-                ShapeValues v;
-                v.radius = t[0].cast<long>();
-                v.connectivity = t[1].cast<long>();
-                v.length = t[2].cast<long>();
-                v.angle = t[3].cast<double>();
-                v.angle1 = t[4].cast<double>();
-                v.angle2 = t[5].cast<double>();
-                v.exact = t[6].cast<bool>();
-                return v;
-            }));
-
-    m.def("morphology", &runMorphology, py::arg("dilate"), py::arg("image"), py::arg("shape"), py::arg("values"),
+    m.def("morphology", &runMorphology, py::arg("dilate"), py::arg("image"), py::arg("shape"), py::arg("options"),
           py::arg("out"), py::arg("threads"), py::arg("generic"), py::arg("progress"), py::arg("cancel"));
     m.def("extrema", &runExtrema, py::arg("image"), py::arg("mode"), py::arg("threads"), py::arg("generic"),
           py::arg("progress"), py::arg("cancel"));
     m.def("info", &info);
     m.def("empty", &alignedEmpty, py::arg("dtype"), py::arg("shape"));
-    m.def("shapes", &shapeTable, "Every shape: name -> (dimensions, options it takes, options it requires).");
-    m.def("reach", &shapeReach, py::arg("shape"), py::arg("values"), py::arg("dimensions"),
-          "How far the shape reaches from the origin along (plans, rows, cols).");
+    m.def("shapes", &shapeTable, "Every shape: name -> (dimensions, options taken, options required, summary).");
+    m.def("reach", &shapeReach, py::arg("shape"), py::arg("options"),
+          "How far the shape reaches from a voxel along (plans, rows, cols).");
 }

@@ -24,17 +24,6 @@ def tool():
     return run
 
 
-def available(shape, **options):
-    """Whether this build computes the shape (the table lists shapes still to come)."""
-    try:
-        lyn.dilate(np.zeros((3, 3, 3), np.uint8), shape, **options)
-    except ValueError as e:
-        if "not available" in str(e):
-            return False
-        raise
-    return True
-
-
 def same_bits(a, b):
     return a.dtype == b.dtype and a.shape == b.shape and a.tobytes() == b.tobytes()
 
