@@ -2,12 +2,6 @@
 
 #include <pybind11/stl.h>
 
-#include <algorithm>
-#include <cstdlib>
-
-#include "host/Kernel.h"
-#include "host/generic/Generic.h"
-
 namespace py = pybind11;
 
 namespace lyn {
@@ -74,26 +68,8 @@ py::dict shapeTable() {
 
 std::array<long, 3> shapeReach(const std::string& shape, const py::dict& options) {
     const Resolved r = resolve(shape, options);
-    if (shapes::isIdentity(*r.info, r.params)) return {0, 0, 0};
-    std::array<long, 3> reach{0, 0, 0};
-    for (const generic::Stage& stage : shapes::makeAlgorithm(*r.info, r.params, true)->passList()) {
-        long z = 1, y = 1, x = 1;
-        if (stage.neighbourhood == generic::Neighbourhood::Offsets2D ||
-            stage.neighbourhood == generic::Neighbourhood::Offsets3D) {
-            long minX, maxX, minY, maxY, minZ, maxZ;
-            kernel::computeExtrema(stage.offsets, minX, maxX, minY, maxY, minZ, maxZ);
-            z = std::max(-minZ, maxZ);
-            y = std::max(-minY, maxY);
-            x = std::max(-minX, maxX);
-        } else if (!generic::reachesAcrossPlans(stage.neighbourhood)) {
-            z = 0;
-        }
-        const long passes = static_cast<long>(stage.passes);
-        reach[0] += z * passes;
-        reach[1] += y * passes;
-        reach[2] += x * passes;
-    }
-    return reach;
+    const std::array<long, 3> xyz = shapes::reach(*r.info, r.params);
+    return {xyz[2], xyz[1], xyz[0]};
 }
 
 } // namespace python
