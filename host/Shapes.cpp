@@ -12,19 +12,13 @@ namespace shapes {
 
 const std::vector<ShapeInfo>& shapeTable() {
     static const std::vector<ShapeInfo> table = {
-        {"square", 2, Radius | Connectivity, 0,
-         "r passes of the 3x3 square (--connectivity 8, default) or of the 4-neighbour cross (4); r defaults to 1"},
-        {"cube", 3, Radius | Connectivity, 0,
-         "r passes of the 26- (default), 18- or 6-neighbour operator; r defaults to 1"},
-        {"disk", 2, Radius | Exact, Radius,
-         "disk of radius r: square and cross passes, or with --exact every offset within distance r"},
-        {"ball", 3, Radius | Exact, Radius,
-         "ball of radius r: 6/18/26-neighbour passes, or with --exact every offset within distance r"},
-        {"line", 2, Length | Angle, Length, "L pixels centred on the origin at --angle degrees (default 0)"},
-        {"disk3d", 3, Radius | Angles, Radius | Angles,
-         "one-voxel-thick disk of radius r perpendicular to the line3d of the same --angles"},
-        {"line3d", 3, Length | Angles, Length | Angles,
-         "L voxels centred on the origin, --angles azimuth,elevation in degrees"},
+        {"square", 2, Radius | Connectivity, 0, "r (default 1) passes of the 3x3 square, or of the cross (connectivity 4)"},
+        {"cube", 3, Radius | Connectivity, 0, "r (default 1) passes of the 26-, 18- or 6-neighbour operator"},
+        {"disk", 2, Radius | Exact, Radius, "square and cross passes; exact: every offset within distance r"},
+        {"ball", 3, Radius | Exact, Radius, "6/18/26-neighbour passes; exact: every offset within distance r"},
+        {"line", 2, Length | Angle, Length, "L pixels through the origin at angle degrees (default 0)"},
+        {"disk3d", 3, Radius | Angles, Radius | Angles, "disk of radius r, one voxel thick, across line3d's direction"},
+        {"line3d", 3, Length | Angles, Length | Angles, "L voxels through the origin along angles azimuth,elevation"},
     };
     return table;
 }
@@ -154,9 +148,9 @@ std::string describeShapes(const std::string& indent) {
         std::string options;
         for (unsigned bit = 1; bit <= Angles; bit <<= 1)
             if (s.options & bit) options += (options.empty() ? "" : " ") + std::string(optionName(static_cast<Option>(bit)));
-        char line[64];
-        std::snprintf(line, sizeof line, "%-7s %dD  ", s.name, s.dimensions);
-        out += indent + line + s.summary + " [" + options + "]\n";
+        char line[256];
+        std::snprintf(line, sizeof line, "%-7s %dD  %-19s  %s\n", s.name, s.dimensions, options.c_str(), s.summary);
+        out += indent + line;
     }
     return out;
 }

@@ -71,7 +71,7 @@ std::unique_ptr<morphology::StructuringElementMorphology> makeAlgorithm(const Sh
 // `params` must have passed validate().
 std::array<long, 3> reach(const ShapeInfo& shape, const ShapeParams& params);
 
-// One line per shape: name, dimensionality, options, summary.
+// One line per shape: name, dimensionality, the options it takes, summary.
 std::string describeShapes(const std::string& indent = "  ");
 
 } // namespace shapes
