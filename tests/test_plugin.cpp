@@ -146,8 +146,14 @@ protected:
 
 // ---------------------------------------------------------------------------------------------
 TEST(PluginLoadTest, LoadingRegistersAndUnloadingRemovesRunners) {
-    const char* withRunners[] = {"lyn::analysis::IntensityExtrema", "lyn::morphology::Dilation2d",
-                                 "lyn::morphology::Erosion2d", "lyn::morphology::Dilation3d", "lyn::morphology::Erosion3d"};
+    const char* withRunners[] = {"lyn::analysis::IntensityExtrema",   "lyn::morphology::Dilation2d",
+                                 "lyn::morphology::Dilation3d",       "lyn::morphology::DilationBall3d",
+                                 "lyn::morphology::DilationDisk2d",   "lyn::morphology::DilationDisk3d",
+                                 "lyn::morphology::DilationLine2d",   "lyn::morphology::DilationLine3d",
+                                 "lyn::morphology::Erosion2d",        "lyn::morphology::Erosion3d",
+                                 "lyn::morphology::ErosionBall3d",    "lyn::morphology::ErosionDisk2d",
+                                 "lyn::morphology::ErosionDisk3d",    "lyn::morphology::ErosionLine2d",
+                                 "lyn::morphology::ErosionLine3d"};
     Plugin::unload();
     for (const char* cls : algorithmClassNames()) EXPECT_EQ(runnerCount(cls), 0u) << cls;
     ASSERT_TRUE(Plugin::load(pluginPath())) << Plugin::lastError();

@@ -1,0 +1,25 @@
+// ErosionLine3d runner: the exact offsets of a 3D line of `length` voxels.
+// Registered with the host when the plug-in loads.
+#include "morphology/Runners.h"
+#include "morphology/StructuringElementDispatchers.h"
+
+namespace lyn {
+namespace morphology {
+
+template <class T>
+void ErosionLine3dAVX2Dispatcher::run(ErosionLine3d* algo) {
+    // Angle2 is the elevation, the generator's first argument.
+    details::runOffsets3d<details::ErosionFunctor, T>(
+        algo, algo->inputImage.get(), algo->outputImage.get(),
+        kernel::generateLineOffset3DCollectionWithConstNumOfPixels(algo->angle2.get(), algo->angle1.get(),
+                                                                   algo->size.get(), true));
+}
+LYN_INSTANTIATE_SE_DISPATCHER(ErosionLine3dAVX2Dispatcher, ErosionLine3d)
+
+#ifdef LYN_REGISTER_RUNNERS
+using ErosionLine3dAVX2Runner = AVX2OneTypeMinMaxRunner<ErosionLine3d, ErosionLine3dAVX2Dispatcher>;
+LYN_AUTO_REGISTER_RUNNABLE(ErosionLine3dAVX2Runner, ErosionLine3dAVX2Runner, ErosionLine3d)
+#endif
+
+} // namespace morphology
+} // namespace lyn
