@@ -400,6 +400,102 @@ void registerMorph3d() {
         }
 }
 
+// Disk, ball and line structuring elements: the fast decompositions (mode 0), the exact offset
+// lists (mode 1), lines and oriented disks.
+enum class Se { Disk2d, Ball3d, Disk3d, Line2d, Line3d };
+
+struct ShapeCase {
+    VoxelTypes type;
+    Shape shape;
+    Se se;
+    int mode;
+    unsigned size;
+    double angle1, angle2;
+    Impl impl;
+};
+
+std::unique_ptr<lyn::BaseAlgorithm> makeShape(const ShapeCase& c, const MemoryImage& in, MemoryImage& out) {
+    using namespace lyn::morphology;
+    std::unique_ptr<lyn::BaseAlgorithm> algo;
+    switch (c.se) {
+    case Se::Disk2d: algo = std::make_unique<DilationDisk2d>(); break;
+    case Se::Ball3d: algo = std::make_unique<DilationBall3d>(); break;
+    case Se::Disk3d: algo = std::make_unique<DilationDisk3d>(); break;
+    case Se::Line2d: algo = std::make_unique<DilationLine2d>(); break;
+    case Se::Line3d: algo = std::make_unique<DilationLine3d>(); break;
+    }
+    if (auto* a = dynamic_cast<RadiusModeMorphology*>(algo.get())) {
+        a->inputImage = &in;
+        a->outputImage = &out;
+        a->kernelRadius = c.size;
+        a->mode = c.mode;
+    } else if (auto* l = dynamic_cast<LineMorphology2d*>(algo.get())) {
+        l->inputImage = &in;
+        l->outputImage = &out;
+        l->angle = c.angle1;
+        l->length = c.size;
+    } else if (auto* o = dynamic_cast<OrientedMorphology3d*>(algo.get())) {
+        o->inputImage = &in;
+        o->outputImage = &out;
+        o->angle1 = c.angle1;
+        o->angle2 = c.angle2;
+        o->size = c.size;
+    }
+    return algo;
+}
+
+void benchShape(benchmark::State& st, ShapeCase c, bool warmUp) {
+    guarded(st, [&] {
+        const MemoryImage& in = pool().input(c.type, c.shape, Pattern::Range);
+        MemoryImage& out = pool().scratch(c.type, c.shape);
+        auto d = makeShape(c, in, out);
+        d->setMaxThreads(static_cast<int>(st.range(0)));
+        d->setUsePlugin(c.impl == Impl::Plugin);
+        if (warmUp) {
+            d->execute();
+            if (!checkRunner(st, *d, c.impl)) return;
+        }
+        const ForeignLoad load;
+        for (auto _ : st) d->execute();
+        load.report(st);
+        if (!warmUp && !checkRunner(st, *d, c.impl)) return;
+        setBytes(st, in);
+    });
+}
+
+void registerShapes() {
+    const auto add = [](const std::string& name, ShapeCase c) {
+        // The generic code takes seconds here: one iteration, unwarmed, per repetition.
+        if (c.impl == Impl::Generic)
+            reg(name + "/generic", [c](benchmark::State& st) { benchShape(st, c, false); })->Iterations(1);
+        else
+            reg(name + "/plugin", [c](benchmark::State& st) { benchShape(st, c, true); });
+    };
+    for (const TypeInfo& t : {TypeInfo{lyn::UInt8, "uint8"}, TypeInfo{lyn::Float, "float32"}}) {
+        const std::string base = std::string("shapes2d/") + t.name + "/";
+        const VoxelTypes type = t.type;
+        reg(base + "copy/memcpy", [type](benchmark::State& st) { benchMemcpy(st, type, kPlane); });
+        for (unsigned r : {3u, 10u}) {
+            add(base + "disk-r" + std::to_string(r) + "-fast", {type, kPlane, Se::Disk2d, 0, r, 0, 0, Impl::Plugin});
+            add(base + "disk-r" + std::to_string(r) + "-exact", {type, kPlane, Se::Disk2d, 1, r, 0, 0, Impl::Plugin});
+        }
+        if (type == lyn::UInt8) {
+            add(base + "disk-r10-exact", {type, kPlane, Se::Disk2d, 1, 10, 0, 0, Impl::Generic});
+            for (double angle : {0.0, 30.0, 90.0})
+                add(base + "line-l21-a" + std::to_string(int(angle)),
+                    {type, kPlane, Se::Line2d, 1, 21, angle, 0, Impl::Plugin});
+        }
+    }
+    const std::string base = "shapes3d/uint8/";
+    reg(base + "copy/memcpy", [](benchmark::State& st) { benchMemcpy(st, lyn::UInt8, kVolume); });
+    for (unsigned r : {3u, 5u}) {
+        add(base + "ball-r" + std::to_string(r) + "-fast", {lyn::UInt8, kVolume, Se::Ball3d, 0, r, 0, 0, Impl::Plugin});
+        add(base + "ball-r" + std::to_string(r) + "-exact", {lyn::UInt8, kVolume, Se::Ball3d, 1, r, 0, 0, Impl::Plugin});
+    }
+    add(base + "line3d-l15-a30-e45", {lyn::UInt8, kVolume, Se::Line3d, 1, 15, 30, 45, Impl::Plugin});
+    add(base + "disk3d-r5-a30-e45", {lyn::UInt8, kVolume, Se::Disk3d, 1, 5, 30, 45, Impl::Plugin});
+}
+
 // Registered during static initialisation, after liblyn's own statics: BENCHMARK_MAIN then parses
 // the command line and runs the registered benchmarks. The plug-in is loaded here once, so its
 // path is in the output's context and no benchmark pays for the load.
@@ -413,6 +509,7 @@ void registerMorph3d() {
     registerExtrema();
     registerMorph2d();
     registerMorph3d();
+    registerShapes();
     return true;
 }();
 

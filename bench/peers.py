@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Times the peers on the benchmark shapes, for ratios against lyn measured on the same machine.
 
-OpenCV's cv2.dilate/erode (3x3 square and cross on 4096 x 4096) and scipy.ndimage's
+OpenCV's cv2.dilate/erode (3x3 square and cross, and the 21 x 21 disk of radius 10, every offset
+with dx^2 + dy^2 <= 100, on 4096 x 4096) and scipy.ndimage's
 grey_dilation (26-connected 3x3x3 on 512 x 512 x 256 uint8). Peers that are not installed are
 skipped. Install them with: apt-get install python3-opencv python3-scipy
 Usage: bench/peers.py [--threads N] [--repeat R]
@@ -45,6 +46,13 @@ def main():
                                                     borderValue=float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)),
                                  args.repeat)
                     rows.append((f"cv2.dilate {name} x{passes}", np.dtype(dtype).name, "4096x4096", ms))
+            if dtype in (np.uint8, np.float32):
+                yy, xx = np.mgrid[-10:11, -10:11]
+                disk = (xx * xx + yy * yy <= 100).astype(np.uint8)
+                ms = best_of(lambda: cv2.dilate(a, disk, dst=out, borderType=cv2.BORDER_CONSTANT,
+                                                borderValue=float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)),
+                             args.repeat)
+                rows.append(("cv2.dilate disk r10 (21x21)", np.dtype(dtype).name, "4096x4096", ms))
             ms = best_of(lambda: np.copyto(out, a), args.repeat)
             rows.append(("numpy copy", np.dtype(dtype).name, "4096x4096", ms))
     except ImportError:
