@@ -149,6 +149,11 @@ std::uint64_t BaseAlgorithm::getMaximumExtraMemoryUsageInBytes() const {
     return globalSettings()->getValueAsBytes("LYN_MEMORY_BUDGET", physicalMemoryBytes() / 2);
 }
 
+void BaseAlgorithm::flushImages() const {
+    for (const PropertyBase* p : m_properties)
+        if (const ImageModel* image = p->asImage()) image->flushWrites();
+}
+
 bool BaseAlgorithm::hasPropertyImageOnDisk() const {
     for (const PropertyBase* p : m_properties)
         if (const ImageModel* image = p->asImage())
@@ -186,11 +191,23 @@ void BaseAlgorithm::execute() {
     m_lastPermille.store(-1);
     const Runnable* runner = selectRunner();
     m_lastRunner = runner;
+    // Rows written outside the run, on this thread, must be in place before its threads read them.
+    flushImages();
     tbb::task_arena arena(getMaxThreads());
-    arena.execute([&] {
-        if (runner) runner->run(this);
-        else runGeneric();
-    });
+    try {
+        arena.execute([&] {
+            if (runner) runner->run(this);
+            else runGeneric();
+        });
+    } catch (...) {
+        // What was written before a failure or a cancellation still reaches the images.
+        try {
+            flushImages();
+        } catch (const Exception&) {
+        }
+        throw;
+    }
+    flushImages();
     reportProgress(1.0);
 }
 

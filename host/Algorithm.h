@@ -170,6 +170,9 @@ protected:
     virtual void runGeneric() = 0;
 
 private:
+    // Makes the writes held back by image properties (on disk) visible, after the run's threads.
+    void flushImages() const;
+
     std::vector<PropertyBase*> m_properties;
     const Runnable* m_lastRunner = nullptr;
     bool m_usePlugin = true;

@@ -39,6 +39,10 @@ public:
                           long spectral) = 0;
     // Fills `layout` and returns true when the voxels are directly addressable in memory.
     virtual bool getMemoryLayout(MemoryLayout& layout) const;
+    // Makes every row written so far visible to reads from any thread. Images that hold writes back
+    // (on disk) need it after a parallel section that wrote them; it must not run concurrently with
+    // writes. Nothing to do for images in memory.
+    virtual void flushWrites() const {}
 
     Extents extents() const;
     std::uint64_t getNumOfVoxels() const;
@@ -110,6 +114,7 @@ public:
     void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const override;
     bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
     bool getMemoryLayout(MemoryLayout& layout) const override;
+    void flushWrites() const override { m_source->flushWrites(); }
 
 private:
     const ImageModel* m_source;

@@ -1,5 +1,9 @@
 #include "host/Settings.h"
 
+#include <fstream>
+#include <string>
+#include <utility>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,6 +101,45 @@ std::uint64_t physicalMemoryBytes() {
     long size = sysconf(_SC_PAGE_SIZE);
     if (pages <= 0 || size <= 0) return 0;
     return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(size);
+}
+
+namespace {
+// The first number in a file (a "max" or a missing file gives nothing).
+std::optional<std::uint64_t> numberIn(const char* path) {
+    std::ifstream in(path);
+    std::uint64_t v = 0;
+    if (in >> v) return v;
+    return std::nullopt;
+}
+} // namespace
+
+std::uint64_t availableMemoryBytes() {
+    std::uint64_t available = 0;
+    {
+        std::ifstream meminfo("/proc/meminfo");
+        std::string key;
+        std::uint64_t kib = 0;
+        std::string unit;
+        while (meminfo >> key >> kib) {
+            std::getline(meminfo, unit);
+            if (key == "MemAvailable:") {
+                available = kib * 1024;
+                break;
+            }
+        }
+    }
+    const std::pair<const char*, const char*> groups[] = {
+        {"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory.current"},
+        {"/sys/fs/cgroup/memory/memory.limit_in_bytes", "/sys/fs/cgroup/memory/memory.usage_in_bytes"}};
+    for (const auto& [limitPath, usagePath] : groups) {
+        const auto limit = numberIn(limitPath);
+        const auto usage = numberIn(usagePath);
+        if (!limit || !usage) continue;
+        const std::uint64_t left = *limit > *usage ? *limit - *usage : 0;
+        if (available == 0 || left < available) available = left;
+        break;
+    }
+    return available;
 }
 
 } // namespace lyn

@@ -39,5 +39,8 @@ std::uint64_t parseByteCount(const String& text, const String& what);
 
 // Physical memory of this machine in bytes (0 when unknown).
 std::uint64_t physicalMemoryBytes();
+// Memory this process could still take: the kernel's MemAvailable, lowered to what the control
+// group's limit leaves (cgroup v2 or v1). 0 when unknown.
+std::uint64_t availableMemoryBytes();
 
 } // namespace lyn

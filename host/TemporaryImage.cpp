@@ -1,7 +1,9 @@
 #include "host/TemporaryImage.h"
 
+#include <cstdlib>
 #include <mutex>
 
+#include "host/DiskImage.h"
 #include "host/Settings.h"
 
 namespace lyn {
@@ -32,20 +34,34 @@ std::uint64_t retainLimit() {
 }
 } // namespace
 
+std::string temporaryDirectory() {
+    String dir = globalSettings()->getValue("LYN_TMPDIR", "");
+    if (dir.empty()) {
+        const char* env = std::getenv("TMPDIR");
+        dir = env && *env ? env : "/tmp";
+    }
+    return dir;
+}
+
 TemporaryImage::~TemporaryImage() {
-    if (!m_image || m_image->getSizeInBytes() > retainLimit()) return;
+    if (!m_memory || m_memory->getSizeInBytes() > retainLimit()) return;
     Retained& r = retained();
     std::lock_guard<std::mutex> lock(r.mutex);
-    r.image = std::move(m_image);
+    r.image = std::move(m_memory);
 }
 
 RefImpl<TemporaryImage> TemporaryImage::New(LocationMode mode) { return RefImpl<TemporaryImage>(new TemporaryImage(mode)); }
 
 bool TemporaryImage::reserve(const VoxelTypes& type, unsigned long cols, unsigned long rows, unsigned long plans,
                              unsigned long sequence, unsigned long spectral) {
-    if (m_mode != InMemory) {
-        // Images on disk are not available in this build: the caller reports the failure.
-        return false;
+    if (m_mode == OnDisk) {
+        try {
+            m_disk = DiskImage::createUnnamed(temporaryDirectory(), type, {cols, rows, plans, sequence, spectral});
+            return true;
+        } catch (const Exception& e) {
+            m_failure = e.getInfo(true).message;
+            return false;
+        }
     }
     std::unique_ptr<MemoryImage> image;
     {
@@ -55,8 +71,11 @@ bool TemporaryImage::reserve(const VoxelTypes& type, unsigned long cols, unsigne
     }
     if (!image) image = std::make_unique<MemoryImage>();
     // Every pass writes the whole region before the next one reads it: no need to zero it.
-    if (!image->tryAllocate(type, {cols, rows, plans, sequence, spectral}, false)) return false;
-    m_image = std::move(image);
+    if (!image->tryAllocate(type, {cols, rows, plans, sequence, spectral}, false)) {
+        m_failure = "not enough memory";
+        return false;
+    }
+    m_memory = std::move(image);
     return true;
 }
 

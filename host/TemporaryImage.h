@@ -2,6 +2,7 @@
 // Temporary images that algorithms allocate for the length of one run, in memory or on disk.
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "host/Image.h"
 
@@ -61,16 +62,22 @@ void RefImpl<T>::nullDereferenceError() {
 
 namespace io {
 
+// Where temporary images on disk go: LYN_TMPDIR, else $TMPDIR, else /tmp.
+std::string temporaryDirectory();
+
 class TemporaryImage : public Object {
 public:
     enum LocationMode { InMemory = 1, OnDisk = 2 };
 
     static RefImpl<TemporaryImage> New(LocationMode mode);
 
-    // Gives the image a type and extents; false when the storage could not be had.
+    // Gives the image a type and extents; false when the storage could not be had (then
+    // getFailure() says why). On disk, the image is an unnamed file in LYN_TMPDIR, else $TMPDIR, else
+    // /tmp: nothing is left behind whichever way the process ends.
     bool reserve(const VoxelTypes& type, unsigned long cols, unsigned long rows, unsigned long plans,
                  unsigned long sequence, unsigned long spectral);
-    ImageModel* getImageModel() { return m_image.get(); }
+    ImageModel* getImageModel() { return m_memory ? static_cast<ImageModel*>(m_memory.get()) : m_disk.get(); }
+    const std::string& getFailure() const { return m_failure; }
     LocationMode getLocationMode() const { return m_mode; }
 
     ~TemporaryImage() override;
@@ -78,7 +85,9 @@ public:
 private:
     explicit TemporaryImage(LocationMode mode) : m_mode(mode) {}
     LocationMode m_mode;
-    std::unique_ptr<MemoryImage> m_image;
+    std::unique_ptr<MemoryImage> m_memory;
+    std::unique_ptr<ImageModel> m_disk;
+    std::string m_failure;
 };
 
 } // namespace io

@@ -100,12 +100,14 @@ public:
     }
     // Writes every kept piece (clipped to the image) and forgets them. Called by one thread,
     // after the parallel section that kept them.
+    // Also the end of a pass: the image's held-back writes are made visible to the next one.
     void writeAllTemporizedRows() {
         for (Store& store : m_temporized) {
             for (const Piece& p : store.pieces) writeClipped(store.data.data() + p.offset, p);
             store.data.clear();
             store.pieces.clear();
         }
+        m_image->flushWrites();
     }
     // Number of pieces waiting; for tests and diagnostics.
     std::size_t countTemporizedPieces() const {
