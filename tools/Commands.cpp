@@ -24,6 +24,7 @@
 #include "host/Shapes.h"
 #include "host/Settings.h"
 #include "tools/Npy.h"
+#include "tools/OnDisk.h"
 #include "tools/Png.h"
 #include "tools/Progress.h"
 #include "tools/Tiff.h"
@@ -43,7 +44,6 @@ bool endsWith(const std::string& s, const std::string& suffix) {
 }
 
 void applyCommon(BaseAlgorithm& algo, const CommonOptions& c) {
-    if (c.onDisk) throw UsageError("--on-disk: images on disk are not available in this build of lyn");
     if (!c.tmpdir.empty()) {
         struct stat st {};
         if (::stat(c.tmpdir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
@@ -66,7 +66,21 @@ void applyCommon(BaseAlgorithm& algo, const CommonOptions& c) {
 
 bool isTiff(const std::string& path) { return endsWith(path, ".tif") || endsWith(path, ".tiff"); }
 
-std::unique_ptr<MemoryImage> loadInput(const std::string& path, int& axes) {
+// `held` is how many images of the input's size the command keeps in memory (input, output).
+std::unique_ptr<ImageModel> loadInput(const std::string& path, int& axes, const CommonOptions& c, int held) {
+    if (c.onDisk) {
+        if (isTiff(path))
+            throw UsageError(path + ": --on-disk works on .npy files only; convert the TIFF file to .npy first "
+                                    "(for example numpy.save with tifffile.imread)");
+        if (!endsWith(path, ".npy")) throw UsageError(path + ": unsupported input format (use .npy with --on-disk)");
+        return openNpyOnDisk(path, axes);
+    }
+    if (endsWith(path, ".npy")) {
+        const io::NpyHeader h = io::readNpyHeader(path);
+        std::uint64_t bytes = helper::getSizeOf(h.type);
+        for (auto e : h.extents) bytes *= e;
+        checkFitsInMemory(path, bytes * std::uint64_t(held));
+    }
     if (isTiff(path)) {
         auto image = io::readTiff(path);
         axes = image->getNumOf(Plans) > 1 ? 3 : 2;
@@ -77,6 +91,8 @@ std::unique_ptr<MemoryImage> loadInput(const std::string& path, int& axes) {
 }
 
 void checkOutput(const std::string& path, const CommonOptions& c) {
+    if (c.onDisk && isTiff(path))
+        throw UsageError(path + ": --on-disk writes .npy files only; name the output .npy");
     if (!endsWith(path, ".npy") && !isTiff(path))
         throw UsageError(path + ": unsupported output format (use .npy, .tif or .tiff)");
     if (fileExists(path) && !c.force) throw UsageError(path + " exists (use --force to overwrite it)");
@@ -180,7 +196,7 @@ int runExtrema(const std::string& input, const std::vector<std::string>& per, bo
     analysis::IntensityExtrema algo;
     applyCommon(algo, common);
     int axes = 0;
-    auto image = loadInput(input, axes);
+    auto image = loadInput(input, axes, common, 1);
     analysis::IntensityExtremaMsr msr;
     algo.inputImage = image.get();
     algo.rangeMode = mode;
@@ -233,17 +249,25 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
     auto algo = shapes::makeAlgorithm(*shape, params, dilate);
     applyCommon(*algo, common);
     int axes = 0;
-    auto in = loadInput(input, axes);
+    auto in = loadInput(input, axes, common, 2);
     // Any shape works on any image: a 2D image is a volume of one plan, and the 2D algorithms apply
     // to a volume plan by plan.
+    MemoryImage memoryOut;
+    std::unique_ptr<DiskOutput> diskOut;
+    if (common.onDisk) diskOut = std::make_unique<DiskOutput>(output, in->getVoxelType(), in->extents(), axes);
     if (shapes::isIdentity(*shape, params)) {
-        saveOutput(output, *in, axes);
-        return 0;
+        // The algorithms leave an output untouched then, so the copy is the tool's.
+        if (!diskOut) {
+            saveOutput(output, *in, axes);
+            return 0;
+        }
+        copyRows(*in, diskOut->image());
+    } else {
+        algo->setImages(in.get(), diskOut ? static_cast<ImageModel*>(&diskOut->image()) : &memoryOut);
+        runWithProgress(*algo, dilate ? "dilate" : "erode", common);
     }
-    MemoryImage out;
-    algo->setImages(in.get(), &out);
-    runWithProgress(*algo, dilate ? "dilate" : "erode", common);
-    saveOutput(output, out, axes);
+    if (diskOut) diskOut->commit();
+    else saveOutput(output, memoryOut, axes);
     return 0;
 }
 

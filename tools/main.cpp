@@ -1,4 +1,5 @@
 // lyn: command-line front end of the lyn image-processing framework.
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 
@@ -8,6 +9,7 @@
 #include "host/Shapes.h"
 #include "tools/Commands.h"
 #include "tools/Npy.h"
+#include "tools/OnDisk.h"
 
 using namespace lyn::tool;
 
@@ -54,6 +56,8 @@ void addShape(CLI::App* cmd, ShapeOptions& s) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // A file size limit (ulimit -f) then fails the write with a message instead of killing the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     CLI::App app{"lyn: grey-level morphology and intensity extrema for 2D images and 3D volumes"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "lyn 0.1.0");
@@ -120,6 +124,7 @@ int main(int argc, char** argv) {
         return 130;
     } catch (const lyn::Exception& e) {
         std::cerr << "lyn: " << e.kind() << ": " << e.what() << "\n";
+        if (const std::string advice = adviceFor(e); !advice.empty()) std::cerr << "lyn: " << advice << "\n";
         return 1;
     } catch (const std::bad_alloc&) {
         std::cerr << "lyn: not enough memory\n";
