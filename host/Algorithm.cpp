@@ -8,6 +8,7 @@
 #include <set>
 #include <thread>
 
+#include <tbb/global_control.h>
 #include <tbb/info.h>
 #include <tbb/task_arena.h>
 
@@ -185,15 +186,24 @@ const Runnable* BaseAlgorithm::selectRunner() {
 }
 
 void BaseAlgorithm::execute() {
+    // A cancellation asked for before the run stops it at once; the request is spent when the run
+    // ends, however it ends, so that the next execute() starts afresh.
+    struct SpendCancel {
+        std::atomic<bool>& flag;
+        ~SpendCancel() { flag.store(false); }
+    } spend{m_cancelRequested};
+    if (isCancelRequested()) throw ExceptionCancelation();
     checkProperties();
     prepareOutputs();
-    m_cancelRequested.store(false);
     m_lastPermille.store(-1);
     const Runnable* runner = selectRunner();
     m_lastRunner = runner;
     // Rows written outside the run, on this thread, must be in place before its threads read them.
     flushImages();
-    tbb::task_arena arena(getMaxThreads());
+    // More threads than TBB allows would only earn a warning on stderr from TBB, not more workers.
+    const int allowed =
+        static_cast<int>(tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
+    tbb::task_arena arena(std::max(1, std::min(getMaxThreads(), allowed)));
     try {
         arena.execute([&] {
             if (runner) runner->run(this);
@@ -208,6 +218,7 @@ void BaseAlgorithm::execute() {
         throw;
     }
     flushImages();
+    arena.execute([&] { finishRun(); });
     reportProgress(1.0);
 }
 

@@ -156,7 +156,8 @@ public:
     void setProgressObserver(ProgressObserver* observer) { m_observer = observer; }
     // Thread-safe; forwards increases of at least 1/1000 to the observer.
     void reportProgress(double fraction);
-    // May be called from any thread while execute() runs.
+    // May be called from any thread, before or while execute() runs: execute() then throws
+    // ExceptionCancelation (at once when the request came first).
     void cancelExecution() { m_cancelRequested.store(true, std::memory_order_relaxed); }
     bool isCancelRequested() const { return m_cancelRequested.load(std::memory_order_relaxed); }
 
@@ -168,6 +169,8 @@ protected:
     virtual void prepareOutputs() {}
     // The host's own implementation.
     virtual void runGeneric() = 0;
+    // After either implementation succeeded: what the class adds to every run's results.
+    virtual void finishRun() {}
 
 private:
     // Makes the writes held back by image properties (on disk) visible, after the run's threads.

@@ -113,6 +113,10 @@ void IntensityExtrema::checkProperties() const {
 
 void IntensityExtrema::runGeneric() { generic::intensityExtrema(*this, *inputImage.get(), rangeMode, *result.get()); }
 
+void IntensityExtrema::finishRun() {
+    generic::settleExtrema(*this, *inputImage.get(), rangeMode, *result.get(), getLastRunner() != nullptr);
+}
+
 } // namespace analysis
 
 const std::vector<const char*>& algorithmClassNames() {

@@ -203,6 +203,7 @@ class IntensityExtrema : public BaseAlgorithm {
 protected:
     void checkProperties() const override;
     void runGeneric() override;
+    void finishRun() override;
 };
 
 } // namespace analysis

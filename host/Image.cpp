@@ -48,6 +48,20 @@ constexpr std::size_t kAlign = 32;
 constexpr std::uint64_t kHugePage = std::uint64_t(2) << 20;
 constexpr std::uint64_t kHugeFrom = 2 * kHugePage;
 
+// Extents{cols, rows} leaves the other three axes at 0, which would make a silently empty image:
+// an image is either empty on every axis or at least 1 on every axis.
+void checkExtents(const Extents& e, const char* file, int line) {
+    int zeros = 0;
+    for (auto v : e) zeros += v == 0;
+    if (zeros == 0 || zeros == 5) return;
+    std::string shape;
+    for (int a = 0; a < 5; ++a) shape += (a ? " x " : "") + std::to_string(e[a]);
+    raise<RuleException>("Image extents " + shape +
+                             " mix 0 and non-0 axes: give 1 for every axis the image does not use "
+                             "(columns, rows, plans, sequence, spectral), or 0 for all of them",
+                         file, line);
+}
+
 void* alignedAllocate(std::uint64_t bytes, bool zeroFill) {
     // One spare vector at the end so whole-vector reads of the last row stay inside the block.
     std::uint64_t rounded = (bytes + kAlign - 1) / kAlign * kAlign + kAlign;
@@ -74,6 +88,7 @@ MemoryImage::MemoryImage(VoxelTypes type, std::uint64_t cols, std::uint64_t rows
 MemoryImage::MemoryImage(void* external, VoxelTypes type, const Extents& extents)
     : m_type(type), m_extents(extents), m_data(external), m_owned(false) {
     if (!isValidVoxelType(type)) raise<RuleException>("Invalid voxel type for an image", "host/Image", __LINE__);
+    checkExtents(extents, "host/Image", __LINE__);
 }
 
 MemoryImage::~MemoryImage() { release(); }
@@ -91,6 +106,7 @@ void MemoryImage::release() {
 
 void MemoryImage::allocate(VoxelTypes type, const Extents& extents, bool zeroFill) {
     if (!isValidVoxelType(type)) raise<RuleException>("Invalid voxel type for an image", "host/Image", __LINE__);
+    checkExtents(extents, "host/Image", __LINE__);
     std::uint64_t n = 1;
     for (auto e : extents) {
         if (e != 0 && n > UINT64_MAX / e) throw std::bad_alloc();

@@ -59,6 +59,9 @@ public:
     MemoryImage(VoxelTypes type, const Extents& extents);
     MemoryImage(VoxelTypes type, std::uint64_t cols, std::uint64_t rows, std::uint64_t plans = 1,
                 std::uint64_t sequence = 1, std::uint64_t spectral = 1);
+    // Extents are (columns, rows, plans, sequence, spectral): every axis at least 1, or all 0 for an
+    // empty image. Extents{cols, rows} leaves three axes at 0 and is refused (RuleException); write
+    // Extents{cols, rows, 1, 1, 1} or use the constructor taking counts, whose later axes default to 1.
     // Wraps memory owned elsewhere (C order, columns fastest); the caller keeps it alive.
     MemoryImage(void* external, VoxelTypes type, const Extents& extents);
     ~MemoryImage() override;

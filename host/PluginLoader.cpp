@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "host/Algorithms.h"
 #include "host/Settings.h"
 
 namespace lyn {
@@ -19,6 +20,13 @@ std::atomic<bool> g_enabled{true};
 std::once_flag g_started;
 
 void unloadAtExit() { Plugin::unload(); }
+
+std::size_t registeredRunners() {
+    std::size_t n = 0;
+    for (const char* name : algorithmClassNames())
+        if (AlgoInfo* info = AlgoRegistry::getClassInfo(name)) n += info->getRunners().size();
+    return n;
+}
 } // namespace
 
 std::string Plugin::defaultPath() {
@@ -42,10 +50,17 @@ bool Plugin::load(const std::string& path) {
         g_error = "another plug-in is already loaded from " + g_path;
         return false;
     }
+    const std::size_t before = registeredRunners();
     void* handle = dlopen(p.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle) {
         const char* e = dlerror();
         g_error = e ? e : ("cannot load " + p);
+        return false;
+    }
+    // Our plug-in registers its runners as it loads: a library that registers none is something else.
+    if (registeredRunners() == before) {
+        dlclose(handle);
+        g_error = p + " registers no runner: it is not a lyn plug-in";
         return false;
     }
     g_handle = handle;

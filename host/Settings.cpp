@@ -73,11 +73,20 @@ void Settings::unsetValue(const String& key) {
 }
 
 std::uint64_t parseByteCount(const String& text, const String& what) {
-    char* end = nullptr;
-    double v = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || !std::isfinite(v) || v < 0)
+    // Decimal digits, an optional decimal fraction, then the unit: no sign, exponent, hex or octal.
+    std::size_t digits = 0;
+    while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) ++digits;
+    std::size_t number = digits;
+    if (digits > 0 && number < text.size() && text[number] == '.') {
+        std::size_t frac = number + 1;
+        while (frac < text.size() && std::isdigit(static_cast<unsigned char>(text[frac]))) ++frac;
+        if (frac > number + 1) number = frac;
+    }
+    if (digits == 0)
         raise<RuleException>(what + " must be a byte count such as 512M or 2G, not \"" + text + "\"",
                              "host/Settings", __LINE__);
+    const char* end = text.c_str() + number;
+    double v = std::strtod(text.substr(0, number).c_str(), nullptr);
     String suffix(end);
     std::transform(suffix.begin(), suffix.end(), suffix.begin(), [](unsigned char c) { return std::toupper(c); });
     if (!suffix.empty() && suffix.back() == 'B') suffix.pop_back();

@@ -226,9 +226,9 @@ report "SIGINT cancels a long dilation: exit 130, no output" $status
 rm -f big.npy
 
 # Every failure above must have removed its temporary file.
-find . -name '*.partial-*' >err
+find . -name '*.partial-*' -o -name '.lyn-*' -o -name 'lyn-result-*' >err
 [ ! -s err ]
-report "no .partial- files left behind" $?
+report "no temporary files left behind" $?
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

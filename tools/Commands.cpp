@@ -25,23 +25,16 @@
 #include "host/Settings.h"
 #include "tools/Npy.h"
 #include "tools/OnDisk.h"
+#include "tools/Output.h"
 #include "tools/Png.h"
 #include "tools/Progress.h"
+#include "tools/Signals.h"
 #include "tools/Tiff.h"
 
 namespace lyn {
 namespace tool {
 
 namespace {
-
-bool fileExists(const std::string& path) {
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0;
-}
-
-bool endsWith(const std::string& s, const std::string& suffix) {
-    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 void applyCommon(BaseAlgorithm& algo, const CommonOptions& c) {
     if (!c.tmpdir.empty()) {
@@ -64,18 +57,31 @@ void applyCommon(BaseAlgorithm& algo, const CommonOptions& c) {
     }
 }
 
-bool isTiff(const std::string& path) { return endsWith(path, ".tif") || endsWith(path, ".tiff"); }
+bool isTiff(const std::string& path) {
+    io::Format f;
+    return io::formatOf(path, f) && f == io::Format::Tiff;
+}
+
+bool isNpy(const std::string& path) {
+    io::Format f;
+    return io::formatOf(path, f) && f == io::Format::Npy;
+}
 
 // `held` is how many images of the input's size the command keeps in memory (input, output).
 std::unique_ptr<ImageModel> loadInput(const std::string& path, int& axes, const CommonOptions& c, int held) {
+    io::Format format;
+    if (!io::formatOf(path, format)) {
+        io::requireRegularFile(path);
+        throw UsageError(path + ": unsupported input format (use .npy, .tif or .tiff)");
+    }
     if (c.onDisk) {
         if (isTiff(path))
             throw UsageError(path + ": --on-disk works on .npy files only; convert the TIFF file to .npy first "
                                     "(for example numpy.save with tifffile.imread)");
-        if (!endsWith(path, ".npy")) throw UsageError(path + ": unsupported input format (use .npy with --on-disk)");
+        if (!isNpy(path)) throw UsageError(path + ": unsupported input format (use .npy with --on-disk)");
         return openNpyOnDisk(path, axes);
     }
-    if (endsWith(path, ".npy")) {
+    if (isNpy(path)) {
         const io::NpyHeader h = io::readNpyHeader(path);
         std::uint64_t bytes = helper::getSizeOf(h.type);
         for (auto e : h.extents) bytes *= e;
@@ -86,21 +92,26 @@ std::unique_ptr<ImageModel> loadInput(const std::string& path, int& axes, const 
         axes = image->getNumOf(Plans) > 1 ? 3 : 2;
         return image;
     }
-    if (!endsWith(path, ".npy")) throw UsageError(path + ": unsupported input format (use .npy, .tif or .tiff)");
     return io::readNpy(path, &axes);
 }
 
 void checkOutput(const std::string& path, const CommonOptions& c) {
     if (c.onDisk && isTiff(path))
         throw UsageError(path + ": --on-disk writes .npy files only; name the output .npy");
-    if (!endsWith(path, ".npy") && !isTiff(path))
+    if (!isNpy(path) && !isTiff(path))
         throw UsageError(path + ": unsupported output format (use .npy, .tif or .tiff)");
     if (fileExists(path) && !c.force) throw UsageError(path + " exists (use --force to overwrite it)");
 }
 
-void saveOutput(const std::string& path, const ImageModel& image, int axes) {
-    if (isTiff(path)) io::writeTiff(path, image);
-    else io::writeNpy(path, image, axes);
+// What the output format cannot hold, found before computing.
+void checkOutputFits(const io::OutputFile& out, const ImageModel& image) {
+    if (out.format() == io::Format::Tiff && (image.getNumOf(Sequence) != 1 || image.getNumOf(Spectral) != 1))
+        throw io::OutputError(out.path() + ": TIFF holds 2D images and 3D volumes; use .npy for more axes");
+}
+
+void saveOutput(io::OutputFile& out, const ImageModel& image, int axes) {
+    if (out.format() == io::Format::Tiff) io::writeTiff(out, image);
+    else io::writeNpy(out, image, axes);
 }
 
 // Runs the algorithm with a progress bar, Ctrl-C cancelling it.
@@ -110,6 +121,7 @@ void runWithProgress(BaseAlgorithm& algo, const std::string& label, const Common
     {
         CancelOnSignal guard(algo);
         try {
+            io::testPause("compute");
             algo.execute();
         } catch (...) {
             bar.finish();
@@ -119,18 +131,18 @@ void runWithProgress(BaseAlgorithm& algo, const std::string& label, const Common
     }
     bar.finish();
     algo.setProgressObserver(nullptr);
-    if (CancelOnSignal::signalled()) throw ExceptionCancelation();
+    if (signalled()) throw ExceptionCancelation();
 }
 
-std::string formatValue(double v, bool integral) {
-    if (std::isinf(v)) return v > 0 ? "Infinity" : "-Infinity";
-    char buf[64];
-    if (integral && std::fabs(v) < 1e18) std::snprintf(buf, sizeof buf, "%.0f", v);
-    else std::snprintf(buf, sizeof buf, "%.17g", v);
-    return buf;
+// Strict JSON (RFC 8259) has no infinities and no NaN: an infinity is the string "Infinity" or
+// "-Infinity" (what JavaScript's Number() and Python's float() read back), no value is null.
+std::string jsonValue(const analysis::ExactValue& v) {
+    if (!v.hasValue()) return "null";
+    const std::string s = v.toString();
+    if (s == "inf") return "\"Infinity\"";
+    if (s == "-inf") return "\"-Infinity\"";
+    return s;
 }
-
-bool isIntegralType(VoxelTypes t) { return t != Float && t != Double; }
 
 // "DEG1,DEG2": two decimal numbers, nothing else.
 std::array<double, 2> parseAngles(const std::string& text) {
@@ -204,23 +216,25 @@ int runExtrema(const std::string& input, const std::vector<std::string>& per, bo
     runWithProgress(algo, "extrema", common);
 
     const auto& shape = msr.minimum().shape();
-    const bool integral = isIntegralType(image->getVoxelType());
+    const auto& mn = msr.exactMinimum();
+    const auto& mx = msr.exactMaximum();
+    auto at = [&](const std::vector<analysis::ExactValue>& v, std::uint64_t a, std::uint64_t b, std::uint64_t c) {
+        return v[a + b * msr.minimum().stride1() + c * msr.minimum().stride2()].toString();
+    };
     if (json) {
         std::ostringstream out;
         out << "{\"shape\": [" << shape[0] << ", " << shape[1] << ", " << shape[2] << "], \"min\": [";
-        const auto& mn = msr.minimum().values();
-        const auto& mx = msr.maximum().values();
-        for (std::size_t i = 0; i < mn.size(); ++i) out << (i ? ", " : "") << formatValue(mn[i], integral);
+        for (std::size_t i = 0; i < mn.size(); ++i) out << (i ? ", " : "") << jsonValue(mn[i]);
         out << "], \"max\": [";
-        for (std::size_t i = 0; i < mx.size(); ++i) out << (i ? ", " : "") << formatValue(mx[i], integral);
+        for (std::size_t i = 0; i < mx.size(); ++i) out << (i ? ", " : "") << jsonValue(mx[i]);
         out << "]}\n";
         std::fputs(out.str().c_str(), stdout);
         return 0;
     }
     std::printf("%s: %s\n", input.c_str(), image->describe().c_str());
     if (mode == 0) {
-        std::printf("min %s\nmax %s\n", formatValue(msr.minimum().at(0), integral).c_str(),
-                    formatValue(msr.maximum().at(0), integral).c_str());
+        std::printf("min %s\nmax %s\n", at(mn, 0, 0, 0).c_str(), at(mx, 0, 0, 0).c_str());
+        if (!mn[0].hasValue()) std::printf("(no values: the image is empty or all NaN)\n");
         return 0;
     }
     std::printf("%6s %6s %6s %24s %24s\n", "plan", "axis3", "axis4", "min", "max");
@@ -229,8 +243,7 @@ int runExtrema(const std::string& input, const std::vector<std::string>& per, bo
             for (std::uint64_t a = 0; a < shape[0]; ++a) {
                 auto idx = [](bool split, std::uint64_t i) { return split ? std::to_string(i) : std::string("*"); };
                 std::printf("%6s %6s %6s %24s %24s\n", idx(mode & 1, a).c_str(), idx(mode & 4, b).c_str(),
-                            idx(mode & 2, c).c_str(), formatValue(msr.minimum().at(a, b, c), integral).c_str(),
-                            formatValue(msr.maximum().at(a, b, c), integral).c_str());
+                            idx(mode & 2, c).c_str(), at(mn, a, b, c).c_str(), at(mx, a, b, c).c_str());
             }
     return 0;
 }
@@ -246,10 +259,13 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
         throw UsageError("--" + e.option() + ": " + e.what());
     }
     checkOutput(output, common);
+    io::OutputFile out(output, common.force);
     auto algo = shapes::makeAlgorithm(*shape, params, dilate);
     applyCommon(*algo, common);
     int axes = 0;
     auto in = loadInput(input, axes, common, 2);
+    if (in->getNumOfVoxels() == 0) throw UsageError(input + " is empty (an axis of length 0): nothing to compute");
+    checkOutputFits(out, *in);
     // Any shape works on any image: a 2D image is a volume of one plan, and the 2D algorithms apply
     // to a volume plan by plan.
     MemoryImage memoryOut;
@@ -258,7 +274,8 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
     if (shapes::isIdentity(*shape, params)) {
         // The algorithms leave an output untouched then, so the copy is the tool's.
         if (!diskOut) {
-            saveOutput(output, *in, axes);
+            io::testPause("copy");
+            saveOutput(out, *in, axes);
             return 0;
         }
         copyRows(*in, diskOut->image());
@@ -267,7 +284,7 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
         runWithProgress(*algo, dilate ? "dilate" : "erode", common);
     }
     if (diskOut) diskOut->commit();
-    else saveOutput(output, memoryOut, axes);
+    else saveOutput(out, memoryOut, axes);
     return 0;
 }
 

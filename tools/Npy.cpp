@@ -1,4 +1,6 @@
 #include "tools/Npy.h"
+#include "tools/Output.h"
+#include "tools/Signals.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -88,9 +90,25 @@ void swapBytes(void* data, std::size_t count, std::size_t size) {
 
 } // namespace
 
+void requireRegularFile(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) throw InputError(fail(path, std::string("cannot open: ") + std::strerror(errno)));
+    if (S_ISDIR(st.st_mode)) throw InputError(fail(path, "is a directory, not an image file"));
+}
+
+std::string describeShape(const NpyHeader& h) {
+    std::string s = "(";
+    for (int i = h.axes - 1; i >= 0; --i) s += std::to_string(h.extents[i]) + (i ? ", " : "");
+    return s + ") " + voxelTypeName(h.type);
+}
+
 NpyHeader readNpyHeader(const std::string& path) {
+    requireRegularFile(path);
     std::ifstream in(path, std::ios::binary);
     if (!in) throw InputError(fail(path, std::string("cannot open: ") + std::strerror(errno)));
+    in.seekg(0, std::ios::end);
+    const auto fileSize = static_cast<std::uint64_t>(in.tellg());
+    in.seekg(0);
     char magic[8];
     if (!in.read(magic, 8) || std::memcmp(magic, "\x93NUMPY", 6) != 0)
         throw InputError(fail(path, "not a NumPy .npy file"));
@@ -122,9 +140,12 @@ NpyHeader readNpyHeader(const std::string& path) {
     if (it == std::end(kCodes)) throw InputError(fail(path, "unsupported NumPy dtype '" + descr + "'"));
     h.type = it->type;
     h.bigEndian = descr[0] == '>';
+    // The value must be the literal True or False: a quoted 'True' is not a boolean.
     const std::size_t fortran = valueOf(header, "fortran_order");
-    if (fortran != std::string::npos && header.compare(fortran, 4, "True") == 0)
-        throw InputError(fail(path, "Fortran-ordered arrays are not supported (save it in C order)"));
+    const bool isTrue = fortran != std::string::npos && header.compare(fortran, 4, "True") == 0;
+    const bool isFalse = fortran != std::string::npos && header.compare(fortran, 5, "False") == 0;
+    if (!isTrue && !isFalse) throw InputError(fail(path, "header's 'fortran_order' is not True or False"));
+    if (isTrue) throw InputError(fail(path, "Fortran-ordered arrays are not supported (save it in C order)"));
     std::vector<std::uint64_t> shape;
     if (!tupleAt(header, valueOf(header, "shape"), shape))
         throw InputError(fail(path, "header has no readable 'shape'"));
@@ -132,71 +153,75 @@ NpyHeader readNpyHeader(const std::string& path) {
         throw InputError(fail(path, "has " + std::to_string(shape.size()) + " axes; images have 2 to 5"));
     h.axes = static_cast<int>(shape.size());
     for (std::size_t i = 0; i < shape.size(); ++i) h.extents[i] = shape[shape.size() - 1 - i];
+
+    // The header's claim is checked against the file before anything is allocated.
+    std::uint64_t bytes = helper::getSizeOf(h.type);
+    bool overflow = false;
+    for (auto e : h.extents) {
+        if (e != 0 && bytes > UINT64_MAX / e) overflow = true;
+        bytes *= e;
+    }
+    if (overflow) throw InputError(fail(path, "header's shape " + describeShape(h) + " is impossibly large"));
+    h.dataBytes = bytes;
+    const std::uint64_t held = fileSize > h.dataOffset ? fileSize - h.dataOffset : 0;
+    if (bytes > held)
+        throw InputError(fail(path, "data is shorter than its shape says: " + describeShape(h) + " needs " +
+                                        std::to_string(bytes) + " bytes, the file holds " + std::to_string(held)));
     return h;
 }
 
 std::unique_ptr<MemoryImage> readNpy(const std::string& path, int* axes) {
     NpyHeader h = readNpyHeader(path);
     auto image = std::make_unique<MemoryImage>();
+    // An array with an axis of length 0 is an empty image.
+    const bool empty = h.dataBytes == 0;
     try {
-        image->allocate(h.type, h.extents);
+        image->allocate(h.type, empty ? Extents{0, 0, 0, 0, 0} : h.extents, false);
     } catch (const std::bad_alloc&) {
-        throw InputError(fail(path, "not enough memory to load it (" + std::to_string(h.extents[0]) + " columns)"));
+        throw InputError(fail(path, "not enough memory to load it: " + describeShape(h) + " needs " +
+                                        std::to_string(h.dataBytes) + " bytes"));
     }
     std::ifstream in(path, std::ios::binary);
     in.seekg(static_cast<std::streamoff>(h.dataOffset));
-    const std::size_t bytes = image->getSizeInBytes();
-    if (!in.read(static_cast<char*>(image->data()), static_cast<std::streamsize>(bytes)))
-        throw InputError(fail(path, "data is shorter than its shape says"));
+    // In chunks, so that a signal is answered while gigabytes come in.
+    constexpr std::uint64_t kChunk = std::uint64_t(64) << 20;
+    char* dst = static_cast<char*>(image->data());
+    for (std::uint64_t done = 0; done < h.dataBytes;) {
+        const std::uint64_t n = std::min(kChunk, h.dataBytes - done);
+        if (!in.read(dst + done, static_cast<std::streamsize>(n)))
+            throw InputError(fail(path, "data is shorter than its shape says"));
+        done += n;
+        testPause("load");
+        checkInterrupt();
+    }
     if (h.bigEndian) swapBytes(image->data(), image->getNumOfVoxels(), helper::getSizeOf(h.type));
     if (axes) *axes = h.axes;
     return image;
 }
 
-TemporaryFile createBeside(const std::string& path) {
-    std::string dir = ".", base = path;
-    if (auto slash = path.rfind('/'); slash != std::string::npos) {
-        dir = slash == 0 ? "/" : path.substr(0, slash);
-        base = path.substr(slash + 1);
-    }
-    std::string tmp = dir + "/." + base + ".partial-XXXXXX";
-    std::vector<char> name(tmp.begin(), tmp.end());
-    name.push_back('\0');
-    int fd = mkstemp(name.data());
-    if (fd < 0) throw std::runtime_error(path + ": cannot create a file in " + dir + ": " + std::strerror(errno));
-    return {fd, std::string(name.data())};
-}
-
-void writeFileAtomically(const std::string& path, const std::string& header, const void* data, std::size_t bytes) {
-    const TemporaryFile file = createBeside(path);
-    const int fd = file.fd;
-    std::vector<char> name(file.name.begin(), file.name.end());
-    name.push_back('\0');
-    auto writeAll = [&](const void* p, std::size_t n) {
-        const char* c = static_cast<const char*>(p);
-        while (n) {
-            ssize_t w = ::write(fd, c, std::min<std::size_t>(n, 1 << 30));
-            if (w < 0) {
-                if (errno == EINTR) continue;
-                return false;
+namespace {
+void writeAll(OutputFile& out, int fd, const char* p, std::uint64_t n, bool pause) {
+    // In chunks, so that a signal is answered while gigabytes go out.
+    constexpr std::uint64_t kChunk = std::uint64_t(64) << 20;
+    while (n) {
+        const ssize_t w = ::write(fd, p, static_cast<std::size_t>(std::min(n, kChunk)));
+        if (w < 0) {
+            if (errno == EINTR) {
+                checkInterrupt();
+                continue;
             }
-            c += w;
-            n -= static_cast<std::size_t>(w);
+            throwWriteError(out.path(), errno);
         }
-        return true;
-    };
-    bool ok = writeAll(header.data(), header.size()) && writeAll(data, bytes) && ::fsync(fd) == 0;
-    int err = errno;
-    ::fchmod(fd, 0644);
-    ::close(fd);
-    if (!ok || std::rename(name.data(), path.c_str()) != 0) {
-        if (ok) err = errno;
-        ::unlink(name.data());
-        throw std::runtime_error(path + ": cannot write: " + std::strerror(err));
+        p += w;
+        n -= static_cast<std::uint64_t>(w);
+        if (pause) testPause("write");
+        checkInterrupt();
     }
 }
+} // namespace
 
-void writeNpy(const std::string& path, const ImageModel& image, int axes) {
+void writeNpy(OutputFile& out, const ImageModel& image, int axes) {
+    const std::string& path = out.path();
     const auto* mem = dynamic_cast<const MemoryImage*>(&image);
     if (!mem) throw std::runtime_error(path + ": only images in memory can be saved as .npy");
     auto it = std::find_if(std::begin(kCodes), std::end(kCodes),
@@ -220,7 +245,15 @@ void writeNpy(const std::string& path, const ImageModel& image, int axes) {
     header.push_back(static_cast<char>(dict.size() & 0xff));
     header.push_back(static_cast<char>((dict.size() >> 8) & 0xff));
     header += dict;
-    writeFileAtomically(path, header, mem->data(), static_cast<std::size_t>(image.getSizeInBytes()));
+    const int fd = out.open();
+    writeAll(out, fd, header.data(), header.size(), false);
+    writeAll(out, fd, static_cast<const char*>(mem->data()), image.getSizeInBytes(), true);
+    out.commit();
+}
+
+void writeNpy(const std::string& path, const ImageModel& image, int axes) {
+    OutputFile out(path, true);
+    writeNpy(out, image, axes);
 }
 
 } // namespace io

@@ -23,22 +23,21 @@ struct NpyHeader {
     Extents extents{1, 1, 1, 1, 1};
     int axes = 2;
     std::size_t dataOffset = 0;
+    std::uint64_t dataBytes = 0;  // what the shape and type need
 };
 
+// Refuses a directory or a missing file with a message naming it.
+void requireRegularFile(const std::string& path);
+// Reads and checks the header, the file's size against the shape included: nothing is allocated
+// for a claim the file cannot back.
 NpyHeader readNpyHeader(const std::string& path);
 std::unique_ptr<MemoryImage> readNpy(const std::string& path, int* axes = nullptr);
-// Writes under a temporary name beside `path`, then renames: the file is whole or absent.
+class OutputFile;
+// Writes through `out` (a temporary file, then published whole); the axes count keeps a 4- or
+// 5-axis NumPy shape when the trailing axes have extent 1.
+void writeNpy(OutputFile& out, const ImageModel& image, int axes);
+// The same to `path`, replacing what is there.
 void writeNpy(const std::string& path, const ImageModel& image, int axes);
-
-// A new file named ".NAME.partial-XXXXXX" in the directory of `path`, for writing aside.
-struct TemporaryFile {
-    int fd;
-    std::string name;
-};
-TemporaryFile createBeside(const std::string& path);
-
-// Writes `bytes` to `path` atomically (temporary file beside it, fsync, rename).
-void writeFileAtomically(const std::string& path, const std::string& header, const void* data, std::size_t bytes);
 
 } // namespace io
 } // namespace lyn

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
-#include <csignal>
 #include <cstdio>
 
 namespace lyn {
@@ -32,36 +30,6 @@ void ProgressBar::finish() {
     if (m_drawn) std::fputs("\n", stderr);
     m_drawn = false;
 }
-
-namespace {
-std::atomic<BaseAlgorithm*> g_algo{nullptr};
-std::atomic<int> g_signal{0};
-struct sigaction g_oldInt, g_oldTerm;
-
-extern "C" void onSignal(int sig) {
-    g_signal.store(sig);
-    // cancelExecution only stores an atomic flag: safe in a signal handler.
-    if (BaseAlgorithm* a = g_algo.load()) a->cancelExecution();
-}
-} // namespace
-
-CancelOnSignal::CancelOnSignal(BaseAlgorithm& algo) {
-    g_algo.store(&algo);
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, &g_oldInt);
-    sigaction(SIGTERM, &sa, &g_oldTerm);
-}
-
-CancelOnSignal::~CancelOnSignal() {
-    sigaction(SIGINT, &g_oldInt, nullptr);
-    sigaction(SIGTERM, &g_oldTerm, nullptr);
-    g_algo.store(nullptr);
-}
-
-bool CancelOnSignal::signalled() { return g_signal.load() != 0; }
-int CancelOnSignal::signalNumber() { return g_signal.load(); }
 
 } // namespace tool
 } // namespace lyn

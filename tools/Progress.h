@@ -1,5 +1,5 @@
 #pragma once
-// Progress bar on standard error and Ctrl-C handling for the command-line tool.
+// Progress bar on standard error for the command-line tool.
 #include <mutex>
 #include <string>
 
@@ -21,16 +21,6 @@ private:
     bool m_enabled;
     bool m_drawn = false;
     std::mutex m_mutex;
-};
-
-// While alive, SIGINT and SIGTERM cancel `algo` (through the host's cancellation) instead of
-// killing the process.
-class CancelOnSignal {
-public:
-    explicit CancelOnSignal(BaseAlgorithm& algo);
-    ~CancelOnSignal();
-    static bool signalled();
-    static int signalNumber();
 };
 
 } // namespace tool

@@ -9,8 +9,9 @@ namespace lyn {
 namespace io {
 
 std::unique_ptr<MemoryImage> readTiff(const std::string& path);
-// Written under a temporary name beside `path`, then renamed: the file is whole or absent.
-void writeTiff(const std::string& path, const ImageModel& image);
+class OutputFile;
+// Writes through `out` (a temporary file, then published whole).
+void writeTiff(OutputFile& out, const ImageModel& image);
 
 } // namespace io
 } // namespace lyn

@@ -10,6 +10,8 @@
 #include "tools/Commands.h"
 #include "tools/Npy.h"
 #include "tools/OnDisk.h"
+#include "tools/Output.h"
+#include "tools/Signals.h"
 
 using namespace lyn::tool;
 
@@ -17,20 +19,34 @@ namespace {
 
 // CLI11's own number checks print their bound as a 300-digit double and say nothing useful about
 // "abc" or "1.5"; this says plainly what the option takes.
+// Decimal digits only, so "010" is ten and "0x10" an error (CLI11 alone reads them as 8 and 16).
+bool decimal(const std::string& text, long long& value) {
+    if (text.empty() || text.size() > 18) return false;
+    value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + (c - '0');
+    }
+    return true;
+}
+
 CLI::Validator integerAtLeast(long long least) {
     const std::string what = least == 0 ? "a non-negative integer" : "an integer of at least " + std::to_string(least);
     return CLI::Validator(
         [least, what](std::string& text) -> std::string {
             long long value = 0;
-            if (CLI::detail::lexical_cast(text, value) && value >= least) return {};
-            return "must be " + what + ", not '" + text + "'";
+            if (decimal(text, value) && value >= least) {
+                text = std::to_string(value);  // what CLI11 converts next: no leading zeros left to misread
+                return {};
+            }
+            return "must be " + what + " in decimal digits, not '" + text + "'";
         },
         least == 0 ? "NONNEGATIVE" : least == 1 ? "POSITIVE" : ">=" + std::to_string(least));
 }
 
 void addCommon(CLI::App* cmd, CommonOptions& c) {
     cmd->add_option("--threads", c.threads, "At most N worker threads (default: all cores)")
-        ->check(integerAtLeast(1));
+        ->transform(integerAtLeast(1));
     cmd->add_flag("--generic", c.generic, "Do not use the plug-in: the host's generic code computes everything");
     cmd->add_flag("--quiet", c.quiet, "No progress bar");
     cmd->add_flag("--force", c.force, "Overwrite an existing OUTPUT");
@@ -41,10 +57,10 @@ void addCommon(CLI::App* cmd, CommonOptions& c) {
 
 void addShape(CLI::App* cmd, ShapeOptions& s) {
     cmd->add_option("--shape", s.shape, "square, cube, disk, ball, line, disk3d or line3d (see below)")->required();
-    cmd->add_option("--radius", s.radius, "Radius R")->check(integerAtLeast(0));
+    cmd->add_option("--radius", s.radius, "Radius R")->transform(integerAtLeast(0));
     cmd->add_option("--connectivity", s.connectivity, "square: 8 or 4; cube: 26, 18 or 6")
-        ->check(integerAtLeast(0));
-    cmd->add_option("--length", s.length, "Line length L in pixels (at least 1)")->check(integerAtLeast(0));
+        ->transform(integerAtLeast(0));
+    cmd->add_option("--length", s.length, "Line length L in pixels (at least 1)")->transform(integerAtLeast(0));
     cmd->add_option("--angle", s.angle, "Line angle in degrees from the column axis")->each([&s](const std::string&) {
         s.angleGiven = true;
     });
@@ -58,6 +74,7 @@ void addShape(CLI::App* cmd, ShapeOptions& s) {
 int main(int argc, char** argv) {
     // A file size limit (ulimit -f) then fails the write with a message instead of killing the process.
     std::signal(SIGXFSZ, SIG_IGN);
+    installSignalHandlers();
     CLI::App app{"lyn: grey-level morphology and intensity extrema for 2D images and 3D volumes"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "lyn 0.1.0");
@@ -91,7 +108,7 @@ int main(int argc, char** argv) {
     long long size = 0;
     auto* demo = app.add_subcommand("demo", "Runs every operation on a built-in synthetic volume");
     demo->add_option("--out", outDir, "Where the demo writes its images");
-    demo->add_option("--size", size, "Edge of the demo volume in voxels (default 256)")->check(integerAtLeast(1));
+    demo->add_option("--size", size, "Edge of the demo volume in voxels (default 256)")->transform(integerAtLeast(1));
     addCommon(demo, common);
 
     try {
@@ -114,6 +131,9 @@ int main(int argc, char** argv) {
         if (morph[1]->parsed()) return runMorphology(false, input, output, shape, common);
         if (demo->parsed()) return runDemo(outDir, size, common);
     } catch (const UsageError& e) {
+        std::cerr << "lyn: " << e.what() << "\n";
+        return 2;
+    } catch (const lyn::io::OutputError& e) {
         std::cerr << "lyn: " << e.what() << "\n";
         return 2;
     } catch (const lyn::io::InputError& e) {

@@ -67,6 +67,12 @@ void runPasses(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output,
                const StageObserver& observer = {});
 
 void intensityExtrema(BaseAlgorithm& algo, const ImageModel& input, int mode, analysis::IntensityExtremaMsr& result);
+// After either implementation: fills the exact values (from the doubles when `fromDoubles`, as a
+// runner leaves them) and re-scans every element whose minimum is the type's highest finite value
+// or whose maximum is its lowest (and, from doubles, every element of a 64-bit integer image), so
+// that infinities, empty and NaN-only elements and whole 64-bit integers are reported as they are.
+void settleExtrema(BaseAlgorithm& algo, const ImageModel& input, int mode, analysis::IntensityExtremaMsr& result,
+                   bool fromDoubles);
 
 } // namespace generic
 } // namespace lyn
