@@ -2,7 +2,8 @@
 # Installs the Debian packages lyn needs to build, test and benchmark. Idempotent: quiet when all is there.
 set -euo pipefail
 pkgs=(g++ cmake ninja-build pkg-config libtbb-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libtiff-dev libpng-dev python3-numpy
-  python3-dev pybind11-dev python3-pytest python3-dask python3-distributed python3-scipy)
+  python3-dev pybind11-dev python3-pytest python3-dask python3-distributed python3-scipy
+  clang libclang-rt-14-dev dpkg-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

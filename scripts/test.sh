@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Runs every test: a Release build, then the same tests under AddressSanitizer and
-# UndefinedBehaviorSanitizer.
-#   LYN_TEST_SKIP_ASAN=1  skip the sanitizer stage (quick local runs)
-#   LYN_TEST_TSAN=1       add a ThreadSanitizer stage
+# Runs every test: a Release build, a short fuzzing of the file readers, then the same tests
+# under AddressSanitizer and UndefinedBehaviorSanitizer, and under ThreadSanitizer.
+#   LYN_TEST_SKIP_ASAN=1  skip the ASan+UBSan stage
+#   LYN_TEST_TSAN=1       add the ThreadSanitizer stage (not yet on by default: its timing on a
+#                         fresh machine is still to be measured)
+#   LYN_TEST_FUZZ=1       add the fuzzing of the readers (likewise)
+#   LYN_TEST_FUZZ_SECONDS how long each reader is fuzzed (default 60)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -28,6 +31,13 @@ bash scripts/setup.sh
 
 stage "Release" build -DCMAKE_BUILD_TYPE=Release
 
+if [ "${LYN_TEST_FUZZ:-0}" = 1 ]; then
+  banner "fuzz: the .npy and TIFF readers, ${LYN_TEST_FUZZ_SECONDS:-60} s each (clang, ASan+UBSan)"
+  LYN="$root/build/bin/lyn" bash fuzz/run.sh "${LYN_TEST_FUZZ_SECONDS:-60}"
+else
+  banner "fuzz: skipped (LYN_TEST_FUZZ=1 adds it)"
+fi
+
 if [ "${LYN_TEST_SKIP_ASAN:-0}" != 1 ]; then
   # Leak detection stays on; tests/lsan.supp only excuses the runners that the plug-in keeps by
   # design. Its match is on a frame below the dlclose'd plug-in, which only complete stacks reach,
@@ -42,12 +52,18 @@ else
   banner "ASan+UBSan: skipped (LYN_TEST_SKIP_ASAN=1)"
 fi
 
-# Opt-in: Debian's libtbb is not built with TSan, so TBB's own hand-offs between threads are
-# invisible to it and it reports races inside TBB's scheduling (range splitting, task objects).
+# Debian's libtbb is not instrumented, so TSan would not see TBB's hand-offs between threads and
+# would report races inside TBB's scheduling: this stage links a oneTBB built from Debian's source
+# package with -fsanitize=thread (built once into build-tsan/, then cached). No suppressions.
 if [ "${LYN_TEST_TSAN:-0}" = 1 ]; then
+  banner "TSan: oneTBB with -fsanitize=thread"
+  tbb_dir=$(bash scripts/tsan-tbb.sh "$root/build-tsan/tbb-tsan")
   export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
-  stage "TSan" build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYN_SANITIZE=thread -DLYN_BUILD_BENCH=OFF
+  stage "TSan" build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYN_SANITIZE=thread -DLYN_BUILD_BENCH=OFF \
+    "-DTBB_DIR=$tbb_dir"
   unset TSAN_OPTIONS
+else
+  banner "TSan: skipped (LYN_TEST_TSAN=1 adds it)"
 fi
 
 banner "all tests passed"
