@@ -57,6 +57,11 @@ void applyCommon(BaseAlgorithm& algo, const CommonOptions& c) {
     }
 }
 
+bool fileExists(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0;
+}
+
 bool isTiff(const std::string& path) {
     io::Format f;
     return io::formatOf(path, f) && f == io::Format::Tiff;
