@@ -120,6 +120,94 @@ for case in "square 2d" "cube 3d"; do
   report "--shape $shape --radius 0 gives the input unchanged" $?
 done
 
+# --- open, close, gradient, tophat, blackhat ----------------------------------------------------
+# runops INPUT SHAPE-OPTIONS...: the five operations into c_OP.npy, and with --generic into c_OP_g.npy.
+runops() {
+  local in=$1 op
+  shift
+  rm -f c_*.npy
+  for op in open close gradient tophat blackhat; do
+    "$LYN" "$op" "$in" "c_$op.npy" "$@" 2>>err && "$LYN" "$op" "$in" "c_${op}_g.npy" "$@" --generic 2>>err || return 1
+  done
+}
+# Against the definitions in NumPy, on data of the usual ranges and on whole-range integers where
+# the differences saturate.
+while read -r shape conn radius dims inputs <&3; do
+  for input in $inputs; do
+    in=${input}_$dims.npy
+    : >err
+    runops "$in" --shape "$shape" --connectivity "$conn" --radius "$radius" &&
+      "$PY" "$REF" composite "$in" "$conn" "$radius" 2>>err
+    report "open/close/gradient/tophat/blackhat $in --shape $shape --connectivity $conn --radius $radius match numpy, with and without --generic" $?
+  done
+done 3<<'EOF2'
+square 8 1 2d u1 f8 full_i1 full_u2
+square 4 2 2d i2 f4 full_i4
+cube 26 1 3d u1 f4 full_i1 full_i4
+cube 6 2 3d i2 f8 full_u2
+cube 18 1 3d f4 full_i1
+EOF2
+
+# NaN, both zeros and infinities: each operation equals its stages run as separate commands, and
+# the differences follow IEEE.
+for case in "full_f4_2d square" "full_f8_2d square" "full_f4_3d cube" "full_f8_3d cube"; do
+  read -r input shape <<<"$case"
+  : >err
+  rm -f d.npy e.npy de.npy ed.npy
+  "$LYN" dilate "$input.npy" d.npy --shape "$shape" 2>>err && "$LYN" erode "$input.npy" e.npy --shape "$shape" 2>>err &&
+    "$LYN" dilate e.npy de.npy --shape "$shape" 2>>err && "$LYN" erode d.npy ed.npy --shape "$shape" 2>>err &&
+    runops "$input.npy" --shape "$shape" && "$PY" "$REF" stages "$input.npy" 2>>err
+  report "open/close/gradient/tophat/blackhat $input (NaN, zeros, infinities) equal their stages run one by one" $?
+done
+
+# Every other shape against the definitions, NaN and signed zeros included; the second stage of an
+# opening or closing by an even-length line folds its negated offsets.
+while read -r shape inp json cli <&3; do
+  : >err
+  # shellcheck disable=SC2086  # the options are single words
+  runops "$inp" --shape "$shape" $cli && "$PY" "$REF" shape-composites "$inp" "$shape" "$json" 2>>err
+  report "open/close/gradient/tophat/blackhat $inp --shape $shape $cli match the definitions, with and without --generic" $?
+done 3<<'EOF2'
+line se_i1_2d.npy {"length":4,"angle":30.0} --length=4 --angle=30.0
+line se_f4_2d.npy {"length":6,"angle":-60.0} --length=6 --angle=-60.0
+line se_u1_3d.npy {"length":5,"angle":45.0} --length=5 --angle=45.0
+line3d se_f8_3d.npy {"length":4,"angles":[30.0,45.0]} --length=4 --angles=30.0,45.0
+line3d se_i4_2d.npy {"length":3,"angles":[135.0,-60.0]} --length=3 --angles=135.0,-60.0
+disk se_f8_2d.npy {"radius":3} --radius=3
+disk se_i4_2d.npy {"radius":3,"exact":true} --radius=3 --exact
+ball se_u2_3d.npy {"radius":2} --radius=2
+ball se_f4_3d.npy {"radius":2,"exact":true} --radius=2 --exact
+disk3d se_f4_3d.npy {"radius":2,"angles":[30.0,60.0]} --radius=2 --angles=30.0,60.0
+EOF2
+
+# Opening <= input <= closing, and both idempotent, for an even-length line too.
+while read -r input opts <&3; do
+  : >err
+  # shellcheck disable=SC2206  # the options are single words
+  opts=($opts)
+  rm -f o.npy c.npy oo.npy cc.npy
+  "$LYN" open "$input.npy" o.npy "${opts[@]}" 2>>err && "$LYN" close "$input.npy" c.npy "${opts[@]}" 2>>err &&
+    "$LYN" open o.npy oo.npy "${opts[@]}" 2>>err && "$LYN" close c.npy cc.npy "${opts[@]}" 2>>err &&
+    "$PY" "$REF" order "$input.npy" o.npy c.npy oo.npy cc.npy 2>>err
+  report "opening <= $input <= closing, both idempotent (${opts[*]})" $?
+done 3<<'EOF2'
+i2_3d --shape cube --connectivity 18 --radius 2
+f4_2d --shape square --connectivity 4 --radius 3
+full_u2_2d --shape square --radius 2
+u1_3dl --shape cube --radius 1
+full_i4_2d --shape line --length 4 --angle 30
+i2_3d --shape line3d --length 6 --angles 30,45
+f8_2d --shape disk --radius 2
+EOF2
+
+# Radius 0: the opening and closing are the input, the differences x - x.
+rm -f o.npy g.npy
+: >err
+"$LYN" open i2_2d.npy o.npy --shape square --radius 0 2>>err && "$PY" "$REF" same i2_2d.npy o.npy 2>>err &&
+  "$LYN" gradient u1_3d.npy g.npy --shape cube --radius 0 2>>err &&
+  /usr/bin/python3 -c "import numpy as n, sys; sys.exit(int(n.load('g.npy').any()))" 2>>err
+report "open and gradient with --radius 0" $?
+
 # TIFF: one page per plan; a round trip through .tif keeps type, shape and every bit.
 for case in "u1 2d square" "i2 3d cube" "f4 3d cube" "f8 2d square"; do
   read -r dt dims shape <<<"$case"
@@ -153,6 +241,10 @@ while IFS='|' read -r name expect args <&3; do
   report "usage error: $name" $status
 done 3<<'EOF'
 unknown shape|--shape|dilate u1_2d.npy o.npy --shape star
+unknown shape with open|--shape|open u1_2d.npy o.npy --shape star
+missing --shape with gradient|--shape|gradient u1_2d.npy o.npy
+negative radius with tophat|--radius|tophat u1_2d.npy o.npy --shape square --radius -1
+missing --length with blackhat|--length|blackhat u1_2d.npy o.npy --shape line
 missing --shape|--shape|erode u1_2d.npy o.npy
 disk without --radius|--radius|dilate u1_2d.npy o.npy --shape disk
 line without --length|--length|dilate u1_2d.npy o.npy --shape line

@@ -52,6 +52,21 @@ def generate():
                 np.save(f"{code}_{dims}b.npy", a.astype(a.dtype.newbyteorder(">")))
                 with open(f"{code}_{dims}v2.npy", "wb") as f:
                     np.lib.format.write_array(f, a, version=(2, 0))
+    # Whole-range integers (differences saturate) and floats holding NaN, both zeros and
+    # infinities, for the opening, closing, gradient and top-hats.
+    for code, dt in {"i1": np.int8, "u2": np.uint16, "i4": np.int32, "f4": np.float32, "f8": np.float64}.items():
+        for dims, shape in (("2d", (23, 31)), ("3d", (7, 13, 17))):
+            if np.dtype(dt).kind == "f":
+                a = (rng.standard_normal(shape) * 100).astype(dt)
+                specials = np.array([np.nan, 0.0, -0.0, np.inf, -np.inf], dt)
+                pick = rng.integers(0, 12, size=shape)
+                a = np.where(pick < 5, specials[np.minimum(pick, 4)], a)
+            else:
+                lo, hi = limits(dt)
+                a = rng.integers(int(lo), int(hi), size=shape, endpoint=True).astype(dt)
+                a[rng.integers(0, 4, size=shape) == 0] = lo
+                a[rng.integers(0, 4, size=shape) == 0] = hi
+            np.save(f"full_{code}_{dims}.npy", a)
     np.save("big.npy", np.zeros((300, 300, 300), np.float32))
     np.save("c8_2d.npy", np.zeros((4, 5), np.complex64))
     np.save("fortran.npy", np.asfortranarray(np.zeros((4, 5), np.uint8)))
@@ -84,6 +99,28 @@ def reference(a, op, conn, radius):
         views = [p[(Ellipsis,) + tuple(slice(1 + d, 1 + d + n) for d, n in zip(o, a.shape[lead:]))] for o in offs]
         a = pick.reduce(views)
     return a
+
+
+def difference(a, b):
+    # Integers saturate at the type's range; floats follow IEEE.
+    if a.dtype.kind == "f":
+        with np.errstate(invalid="ignore", over="ignore"):
+            return a - b
+    lo, hi = limits(a.dtype)
+    return np.clip(a.astype(np.int64) - b.astype(np.int64), int(lo), int(hi)).astype(a.dtype)
+
+
+def composite(a, op, dilate, erode):
+    # The definitions, given the dilation and erosion by the element (the mirror is the element itself).
+    if op == "open":
+        return dilate(erode(a))
+    if op == "close":
+        return erode(dilate(a))
+    if op == "gradient":
+        return difference(dilate(a), erode(a))
+    if op == "tophat":
+        return difference(a, dilate(erode(a)))
+    return difference(erode(dilate(a)), a)
 
 
 def same(expected, path):
@@ -273,6 +310,26 @@ def shape_reference(a, op, shape, p):
     return fold(a, op, offs)
 
 
+def mirrored_reference(a, op, shape, p):
+    # The mirror of a centrally symmetric shape is the shape itself; a line that is not (even
+    # length) is mirrored by its offsets negated, folded in the original order.
+    if shape in ("line", "line3d"):
+        offs = line_offsets([p.get("angle", 0.0)] if shape == "line" else p["angles"], p["length"])
+        negated = [tuple(-c for c in o) for o in offs]
+        if set(negated) != set(offs):
+            return fold(a[None], op, negated)[0] if a.ndim == 2 and shape == "line3d" else fold(a, op, negated)
+    return shape_reference(a, op, shape, p)
+
+
+def shape_composites(inp, shape, opts):
+    a, p = np.load(inp), json.loads(opts)
+    d, e = shape_reference(a, "dilate", shape, p), shape_reference(a, "erode", shape, p)
+    opened, closed = mirrored_reference(e, "dilate", shape, p), mirrored_reference(d, "erode", shape, p)
+    expected = {"open": opened, "close": closed, "gradient": difference(d, e), "tophat": difference(a, opened),
+                "blackhat": difference(closed, a)}
+    fail([same(expected[op], f"c_{op}{g}.npy") for op in expected for g in ("", "_g")])
+
+
 def shapes_check(manifest):
     # Lines of "INPUT OP SHAPE OUTPUT JSON-OPTIONS"; every output must equal its reference bit for bit.
     errors = []
@@ -339,6 +396,30 @@ if cmd == "gen":
 elif cmd == "morph":  # INPUT OP CONN RADIUS OUTPUT...
     expected = reference(np.load(args[0]), args[1], int(args[2]), int(args[3]))
     fail([same(expected, out) for out in args[4:]])
+elif cmd in ("composite", "stages"):
+    # INPUT CONN RADIUS: c_OP.npy and c_OP_g.npy (plug-in, --generic) for the five operations, from
+    # the definitions in NumPy ("composite", data without NaN) or from the tool's own stages
+    # d.npy, e.npy, de.npy (dilation of the erosion), ed.npy ("stages").
+    a = np.load(args[0])
+    if cmd == "composite":
+        conn, radius = int(args[1]), int(args[2])
+        dilate = lambda x: reference(x, "dilate", conn, radius)
+        erode = lambda x: reference(x, "erode", conn, radius)
+    else:
+        staged = {"d": np.load("d.npy"), "e": np.load("e.npy"), "de": np.load("de.npy"), "ed": np.load("ed.npy")}
+        dilate = lambda x: staged["d"] if x is a else staged["de"]
+        erode = lambda x: staged["e"] if x is a else staged["ed"]
+    errors = []
+    for op in ("open", "close", "gradient", "tophat", "blackhat"):
+        expected = composite(a, op, dilate, erode)
+        errors += [same(expected, f"c_{op}.npy"), same(expected, f"c_{op}_g.npy")]
+    fail(errors)
+elif cmd == "shape-composites":  # INPUT SHAPE JSON-OPTIONS: c_OP.npy and c_OP_g.npy
+    shape_composites(*args)
+elif cmd == "order":  # INPUT OPENED CLOSED OPENED-TWICE CLOSED-TWICE
+    a, o, c = (np.load(p) for p in args[:3])
+    fail(["opening above the input" if (o > a).any() else None, "closing below the input" if (c < a).any() else None,
+          same(o, args[3]), same(c, args[4])])
 elif cmd == "same":  # EXPECTED OUTPUT...
     fail([same(np.load(args[0]), out) for out in args[1:]])
 elif cmd == "extrema":  # INPUT PER OUTPUT...

@@ -19,6 +19,7 @@
 #include <sstream>
 
 #include "host/Algorithms.h"
+#include "host/CompositeMorphology.h"
 #include "host/Cpu.h"
 #include "host/PluginLoader.h"
 #include "host/Shapes.h"
@@ -177,7 +178,31 @@ shapes::ShapeParams shapeParams(const ShapeOptions& s) {
     return p;
 }
 
+morphology::CompositeMorphology::Operation compositeOf(MorphologyOp op) {
+    using C = morphology::CompositeMorphology;
+    switch (op) {
+    case MorphologyOp::Open: return C::Open;
+    case MorphologyOp::Close: return C::Close;
+    case MorphologyOp::Gradient: return C::Gradient;
+    case MorphologyOp::TopHat: return C::TopHat;
+    default: return C::BlackHat;
+    }
+}
+
 } // namespace
+
+const char* morphologyCommand(MorphologyOp op) {
+    switch (op) {
+    case MorphologyOp::Dilate: return "dilate";
+    case MorphologyOp::Erode: return "erode";
+    case MorphologyOp::Open: return "open";
+    case MorphologyOp::Close: return "close";
+    case MorphologyOp::Gradient: return "gradient";
+    case MorphologyOp::TopHat: return "tophat";
+    case MorphologyOp::BlackHat: return "blackhat";
+    }
+    return "?";
+}
 
 int runInfo() {
     Plugin::ensureStarted();
@@ -253,7 +278,7 @@ int runExtrema(const std::string& input, const std::vector<std::string>& per, bo
     return 0;
 }
 
-int runMorphology(bool dilate, const std::string& input, const std::string& output, const ShapeOptions& s,
+int runMorphology(MorphologyOp op, const std::string& input, const std::string& output, const ShapeOptions& s,
                   const CommonOptions& common) {
     const shapes::ShapeParams params = shapeParams(s);
     const shapes::ShapeInfo* shape = nullptr;
@@ -265,18 +290,27 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
     }
     checkOutput(output, common);
     io::OutputFile out(output, common.force);
-    auto algo = shapes::makeAlgorithm(*shape, params, dilate);
-    applyCommon(*algo, common);
+    const bool single = op == MorphologyOp::Dilate || op == MorphologyOp::Erode;
+    std::unique_ptr<morphology::StructuringElementMorphology> stage;
+    std::unique_ptr<morphology::CompositeMorphology> composite;
+    if (single) {
+        stage = shapes::makeAlgorithm(*shape, params, op == MorphologyOp::Dilate);
+    } else {
+        composite = morphology::CompositeMorphology::create(compositeOf(op));
+        composite->setStructuringElement(morphology::shapeElement(*shape, params));
+    }
+    BaseAlgorithm& algo = single ? static_cast<BaseAlgorithm&>(*stage) : *composite;
+    applyCommon(algo, common);
     int axes = 0;
     auto in = loadInput(input, axes, common, 2);
     if (in->getNumOfVoxels() == 0) throw UsageError(input + " is empty (an axis of length 0): nothing to compute");
     checkOutputFits(out, *in);
     // Any shape works on any image: a 2D image is a volume of one plan, and the 2D algorithms apply
-    // to a volume plan by plan.
+    // to a volume plan by plan. The composites copy for an identity shape themselves.
     MemoryImage memoryOut;
     std::unique_ptr<DiskOutput> diskOut;
     if (common.onDisk) diskOut = std::make_unique<DiskOutput>(output, in->getVoxelType(), in->extents(), axes);
-    if (shapes::isIdentity(*shape, params)) {
+    if (single && shapes::isIdentity(*shape, params)) {
         // The algorithms leave an output untouched then, so the copy is the tool's.
         if (!diskOut) {
             io::testPause("copy");
@@ -285,8 +319,10 @@ int runMorphology(bool dilate, const std::string& input, const std::string& outp
         }
         copyRows(*in, diskOut->image());
     } else {
-        algo->setImages(in.get(), diskOut ? static_cast<ImageModel*>(&diskOut->image()) : &memoryOut);
-        runWithProgress(*algo, dilate ? "dilate" : "erode", common);
+        ImageModel* target = diskOut ? static_cast<ImageModel*>(&diskOut->image()) : &memoryOut;
+        if (single) stage->setImages(in.get(), target);
+        else composite->setImages(in.get(), target);
+        runWithProgress(algo, morphologyCommand(op), common);
     }
     if (diskOut) diskOut->commit();
     else saveOutput(out, memoryOut, axes);

@@ -35,9 +35,14 @@ struct ShapeOptions {
     bool exact = false;
 };
 
+// What a morphology command computes from its structuring element.
+enum class MorphologyOp { Dilate, Erode, Open, Close, Gradient, TopHat, BlackHat };
+// The command's name ("dilate", ..., "blackhat").
+const char* morphologyCommand(MorphologyOp op);
+
 int runInfo();
 int runExtrema(const std::string& input, const std::vector<std::string>& per, bool json, const CommonOptions& common);
-int runMorphology(bool dilate, const std::string& input, const std::string& output, const ShapeOptions& shape,
+int runMorphology(MorphologyOp op, const std::string& input, const std::string& output, const ShapeOptions& shape,
                   const CommonOptions& common);
 int runDemo(const std::string& outDir, long long size, const CommonOptions& common);
 

@@ -92,11 +92,19 @@ int main(int argc, char** argv) {
     addCommon(extrema, common);
 
     ShapeOptions shape;
-    CLI::App* morph[2];
-    const char* names[2] = {"dilate", "erode"};
-    for (int i = 0; i < 2; ++i) {
-        morph[i] = app.add_subcommand(names[i], i == 0 ? "Grey-level dilation (maximum over a structuring element)"
-                                                        : "Grey-level erosion (minimum over a structuring element)");
+    const std::pair<MorphologyOp, const char*> ops[] = {
+        {MorphologyOp::Dilate, "Grey-level dilation (maximum over a structuring element)"},
+        {MorphologyOp::Erode, "Grey-level erosion (minimum over a structuring element)"},
+        {MorphologyOp::Open, "Opening: erosion, then dilation by the mirrored element"},
+        {MorphologyOp::Close, "Closing: dilation, then erosion by the mirrored element"},
+        {MorphologyOp::Gradient, "Morphological gradient: dilation minus erosion"},
+        {MorphologyOp::TopHat, "White top-hat: the input minus its opening"},
+        {MorphologyOp::BlackHat, "Black top-hat: the closing minus the input"},
+    };
+    constexpr int nOps = sizeof ops / sizeof ops[0];
+    CLI::App* morph[nOps];
+    for (int i = 0; i < nOps; ++i) {
+        morph[i] = app.add_subcommand(morphologyCommand(ops[i].first), ops[i].second);
         morph[i]->add_option("INPUT", input, "Input image (.npy, .tif)")->required();
         morph[i]->add_option("OUTPUT", output, "Output image (.npy, .tif)")->required();
         addShape(morph[i], shape);
@@ -127,8 +135,8 @@ int main(int argc, char** argv) {
     try {
         if (app.got_subcommand("info")) return runInfo();
         if (extrema->parsed()) return runExtrema(input, per, json, common);
-        if (morph[0]->parsed()) return runMorphology(true, input, output, shape, common);
-        if (morph[1]->parsed()) return runMorphology(false, input, output, shape, common);
+        for (int i = 0; i < nOps; ++i)
+            if (morph[i]->parsed()) return runMorphology(ops[i].first, input, output, shape, common);
         if (demo->parsed()) return runDemo(outDir, size, common);
     } catch (const UsageError& e) {
         std::cerr << "lyn: " << e.what() << "\n";

@@ -9,6 +9,7 @@
 
 #include "host/Algorithms.h"
 #include "host/Kernel.h"
+#include "host/PrivateImplementation.h"
 
 namespace lyn {
 namespace generic {
@@ -65,6 +66,13 @@ using StageObserver = std::function<void(const StageStart&)>;
 // Progress is reported to `algo` in equal steps per stage; its cancellation raises ExceptionCancelation.
 void runPasses(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, const PassList& list, bool dilate,
                const StageObserver& observer = {});
+
+// Voxel by voxel, images of one type and extents, `target` possibly one of the sources: a copy, and
+// minuend - subtrahend saturated at the type's range for integers, IEEE for floats. `step` receives
+// progress and is polled for cancellation.
+void copyImage(const ImageModel& source, ImageModel& target, algorithms::AbstractPrivateImplementation& step);
+void subtract(const ImageModel& minuend, const ImageModel& subtrahend, ImageModel& target,
+              algorithms::AbstractPrivateImplementation& step);
 
 void intensityExtrema(BaseAlgorithm& algo, const ImageModel& input, int mode, analysis::IntensityExtremaMsr& result);
 // After either implementation: fills the exact values (from the doubles when `fromDoubles`, as a

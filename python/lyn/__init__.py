@@ -10,7 +10,7 @@ import numbers
 from . import _lyn
 from ._lyn import Cancelled, ComputationError, Error, RuleError
 
-__all__ = ["dilate", "erode", "extrema", "info", "shapes", "empty", "empty_like", "Error", "ComputationError", "RuleError", "Cancelled"]
+__all__ = ["dilate", "erode", "opening", "closing", "gradient", "tophat", "blackhat", "extrema", "info", "shapes", "empty", "empty_like", "Error", "ComputationError", "RuleError", "Cancelled"]
 __version__ = "0.1.0"
 
 _AXES = {"plan": 1, "axis4": 2, "axis3": 4}
@@ -113,6 +113,67 @@ def erode(image, shape, *, radius=None, connectivity=None, length=None, angle=No
 
 dilate.__doc__ = _MORPHOLOGY_DOC.format(what="Grey-level dilation", what_lower="dilation", border="lowest")
 erode.__doc__ = _MORPHOLOGY_DOC.format(what="Grey-level erosion", what_lower="erosion", border="highest")
+
+
+def _composite(operation, image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+               progress, cancel):
+    options = _shape_options(shape, radius, connectivity, length, angle, angles, exact)
+    threads = _common(threads, progress, cancel)
+    return _lyn.composite(operation, image, shape, options, out, threads, bool(generic), progress, cancel)
+
+
+_COMPOSITE_DOC = """{what} of `image` by a structuring element: {definition}
+
+    Integer differences saturate at the type's range; float differences follow IEEE. The shape,
+    its options and the other arguments are those of `lyn.dilate`. {memory}
+"""
+
+
+def opening(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+            out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _composite("open", image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+                      progress, cancel)
+
+
+def closing(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+            out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _composite("close", image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+                      progress, cancel)
+
+
+def gradient(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+             out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _composite("gradient", image, shape, radius, connectivity, length, angle, angles, exact, out, threads,
+                      generic, progress, cancel)
+
+
+def tophat(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+           out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _composite("tophat", image, shape, radius, connectivity, length, angle, angles, exact, out, threads, generic,
+                      progress, cancel)
+
+
+def blackhat(image, shape, *, radius=None, connectivity=None, length=None, angle=None, angles=None, exact=None,
+             out=None, threads=None, generic=False, progress=None, cancel=None):
+    return _composite("blackhat", image, shape, radius, connectivity, length, angle, angles, exact, out, threads,
+                      generic, progress, cancel)
+
+
+_NO_COPY = "No intermediate image besides `out`."
+_ONE_COPY = "Holds one intermediate image the size of `image`."
+_IN_PLACE_COPY = "Holds one intermediate image the size of `image` when `out` is `image`."
+opening.__doc__ = _COMPOSITE_DOC.format(
+    what="Opening", definition="an erosion, then a dilation by the mirrored shape (every offset negated).",
+    memory=_NO_COPY)
+closing.__doc__ = _COMPOSITE_DOC.format(
+    what="Closing", definition="a dilation, then an erosion by the mirrored shape (every offset negated).",
+    memory=_NO_COPY)
+gradient.__doc__ = _COMPOSITE_DOC.format(what="Morphological gradient", definition="the dilation minus the erosion.",
+                                         memory=_ONE_COPY)
+tophat.__doc__ = _COMPOSITE_DOC.format(what="White top-hat", definition="`image` minus its opening.",
+                                       memory=_IN_PLACE_COPY)
+blackhat.__doc__ = _COMPOSITE_DOC.format(what="Black top-hat", definition="the closing minus `image`.",
+                                         memory=_IN_PLACE_COPY)
 
 
 def _range_mode(per):

@@ -59,6 +59,14 @@ std::unique_ptr<morphology::StructuringElementMorphology> makeMorphology(const s
     return shapes::makeAlgorithm(*r.info, r.params, dilate);
 }
 
+std::unique_ptr<morphology::CompositeMorphology> makeComposite(morphology::CompositeMorphology::Operation op,
+                                                               const std::string& shape, const py::dict& options) {
+    const Resolved r = resolve(shape, options);
+    auto algo = morphology::CompositeMorphology::create(op);
+    algo->setStructuringElement(morphology::shapeElement(*r.info, r.params));
+    return algo;
+}
+
 py::dict shapeTable() {
     py::dict d;
     for (const shapes::ShapeInfo& s : shapes::shapeTable())

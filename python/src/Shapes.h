@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "host/CompositeMorphology.h"
 #include "host/Shapes.h"
 
 namespace lyn {
@@ -16,6 +17,10 @@ namespace python {
 std::unique_ptr<morphology::StructuringElementMorphology> makeMorphology(const std::string& shape,
                                                                          const pybind11::dict& options, bool dilate,
                                                                          bool& identity);
+
+// An opening, closing, gradient or top-hat by `shape`, images not yet set. Raises ValueError naming the option.
+std::unique_ptr<morphology::CompositeMorphology> makeComposite(morphology::CompositeMorphology::Operation op,
+                                                               const std::string& shape, const pybind11::dict& options);
 
 // name -> (dimensions, options taken, options required, summary).
 pybind11::dict shapeTable();

@@ -258,14 +258,15 @@ void applyCommon(BaseAlgorithm& algo, int threads, bool generic) {
     if (generic) algo.setUsePlugin(false);
 }
 
-py::object runMorphology(bool dilate, const py::object& imageObject, const std::string& shape, const py::dict& options,
-                      const py::object& outObject, int threads, bool generic, const py::object& progress,
-                      const py::object& cancel) {
+// `make(identity)` builds the algorithm once the image has been checked; identity: the result is the input.
+template <class Make>
+py::object runOnImage(Make make, const py::object& imageObject, const py::object& outObject, int threads, bool generic,
+                      const py::object& progress, const py::object& cancel) {
     VoxelTypes type;
     py::array input = checkedInput(imageObject, type);
     const Extents extents = extentsOf(input);
     bool identity = false;
-    std::unique_ptr<morphology::StructuringElementMorphology> algo = makeMorphology(shape, options, dilate, identity);
+    auto algo = make(identity);
     py::array out;
     if (outObject.is_none()) out = alignedEmpty(input.dtype(), std::vector<py::ssize_t>(input.shape(), input.shape() + input.ndim()));
     else {
@@ -289,6 +290,26 @@ py::object runMorphology(bool dilate, const py::object& imageObject, const std::
     applyCommon(*algo, threads, generic);
     execute(*algo, progress, cancel);
     return std::move(out);
+}
+
+py::object runMorphology(bool dilate, const py::object& imageObject, const std::string& shape, const py::dict& options,
+                      const py::object& outObject, int threads, bool generic, const py::object& progress,
+                      const py::object& cancel) {
+    return runOnImage([&](bool& identity) { return makeMorphology(shape, options, dilate, identity); }, imageObject,
+                      outObject, threads, generic, progress, cancel);
+}
+
+py::object runComposite(const std::string& operation, const py::object& imageObject, const std::string& shape,
+                        const py::dict& options, const py::object& outObject, int threads, bool generic,
+                        const py::object& progress, const py::object& cancel) {
+    using C = morphology::CompositeMorphology;
+    const std::pair<const char*, C::Operation> ops[] = {
+        {"open", C::Open}, {"close", C::Close}, {"gradient", C::Gradient}, {"tophat", C::TopHat}, {"blackhat", C::BlackHat}};
+    const auto* op = std::find_if(std::begin(ops), std::end(ops), [&](const auto& o) { return operation == o.first; });
+    if (op == std::end(ops)) valueError("operation: unknown operation '" + operation + "'");
+    // The composite copies for an identity shape itself.
+    return runOnImage([&](bool&) { return makeComposite(op->second, shape, options); }, imageObject, outObject,
+                      threads, generic, progress, cancel);
 }
 
 py::object runExtrema(const py::object& imageObject, int mode, int threads, bool generic, const py::object& progress,
@@ -374,6 +395,8 @@ PYBIND11_MODULE(_lyn, m) {
     m.add_object("Cancelled", py::handle(g_cancelled));
 
     m.def("morphology", &runMorphology, py::arg("dilate"), py::arg("image"), py::arg("shape"), py::arg("options"),
+          py::arg("out"), py::arg("threads"), py::arg("generic"), py::arg("progress"), py::arg("cancel"));
+    m.def("composite", &runComposite, py::arg("operation"), py::arg("image"), py::arg("shape"), py::arg("options"),
           py::arg("out"), py::arg("threads"), py::arg("generic"), py::arg("progress"), py::arg("cancel"));
     m.def("extrema", &runExtrema, py::arg("image"), py::arg("mode"), py::arg("threads"), py::arg("generic"),
           py::arg("progress"), py::arg("cancel"));

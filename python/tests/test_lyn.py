@@ -325,3 +325,41 @@ def test_contiguous_inputs_and_out_are_not_copied():
     finally:
         tracemalloc.stop()
     assert peak < image.nbytes // 8
+
+
+COMPOSITES = {"opening": "open", "closing": "close", "gradient": "gradient", "tophat": "tophat", "blackhat": "blackhat"}
+
+
+@pytest.mark.parametrize("case", SHAPE_CASES[::3] + [("line", {"length": 4, "angle": 30.0}, (29, 37))], ids=case_id)
+def test_opening_closing_gradient_and_tophats_match_the_tool(case, tool, tmp_path):
+    shape, options, extent = case
+    src = tmp_path / "in.npy"
+    for i, dtype in enumerate((np.uint8, np.int8, np.float32)):
+        image = random_image(extent, dtype, seed=20 + i)
+        np.save(src, image)
+        for name, op in COMPOSITES.items():
+            dst = tmp_path / f"{op}.npy"
+            tool(op, src, dst, *tool_args(shape, options), "--force")
+            expected = np.load(dst)
+            fn = getattr(lyn, name)
+            assert same_bits(fn(image, shape, **options), expected), (name, dtype)
+            assert same_bits(fn(image, shape, generic=True, **options), expected), (name, dtype, "generic")
+            buf = image.copy()
+            assert fn(buf, shape, out=buf, **options) is buf
+            assert same_bits(buf, expected), (name, dtype, "in place")
+
+
+def test_composites_report_progress_and_refuse_bad_arguments(monkeypatch):
+    image = random_image((40, 50), np.uint16, seed=3)
+    seen = []
+    lyn.gradient(image, "square", radius=2, progress=seen.append)
+    assert seen and seen[-1] == 1.0 and seen == sorted(seen)
+    with pytest.raises(ValueError, match="connectivity"):
+        lyn.opening(image, "square", connectivity=5)
+    with pytest.raises(ValueError, match="shape"):
+        lyn.tophat(image, "star")
+    # The gradient's intermediate image counts against the memory budget; the opening needs none.
+    monkeypatch.setenv("LYN_MEMORY_BUDGET", "1K")
+    with pytest.raises(lyn.RuleError, match="memory budget"):
+        lyn.gradient(image, "square")
+    assert same_bits(lyn.opening(image, "square"), lyn.dilate(lyn.erode(image, "square"), "square"))
