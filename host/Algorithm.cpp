@@ -165,13 +165,13 @@ bool BaseAlgorithm::hasPropertyImageOnDisk() const {
 void BaseAlgorithm::reportProgress(double fraction) {
     if (!m_observer) return;
     int permille = static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 1000.0);
-    int last = m_lastPermille.load(std::memory_order_relaxed);
-    while (permille > last) {
-        if (m_lastPermille.compare_exchange_weak(last, permille)) {
-            m_observer->onProgress(permille / 1000.0);
-            return;
-        }
-    }
+    // Cheap rejection first: most reports from the workers add nothing new.
+    if (permille <= m_lastPermille.load(std::memory_order_relaxed)) return;
+    // Observers need not be thread-safe: deliver under a lock, and only what rises.
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    if (permille <= m_lastPermille.load(std::memory_order_relaxed)) return;
+    m_lastPermille.store(permille, std::memory_order_relaxed);
+    m_observer->onProgress(permille / 1000.0);
 }
 
 const Runnable* BaseAlgorithm::selectRunner() {

@@ -53,7 +53,8 @@ public:
     static void setClassAvailable(const std::string& className, bool available);
 };
 
-// Receives progress as a fraction in [0, 1]. Called from worker threads, possibly concurrently.
+// Receives progress as a fraction in [0, 1], rising, one call at a time, from whichever worker
+// thread finished the work it reports.
 class ProgressObserver {
 public:
     virtual ~ProgressObserver();
@@ -185,6 +186,7 @@ private:
     std::int64_t m_memoryBudget = -1;
     ProgressObserver* m_observer = nullptr;
     std::atomic<int> m_lastPermille{-1};
+    std::mutex m_progressMutex;  // one observer call at a time, in rising order
     std::atomic<bool> m_cancelRequested{false};
 };
 

@@ -1,6 +1,7 @@
 // Host framework: border reads, deferred writes, settings, images, progress and cancellation.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <limits>
@@ -188,6 +189,34 @@ TEST(AlgorithmTest, PropertiesFollowTheDeclaredOrder) {
     names.clear();
     for (auto* p : l.getProperties()) names.push_back(p->getName());
     EXPECT_EQ(names, (std::vector<std::string>{"InputImage", "Angle1", "Angle2", "Size", "OutputImage"}));
+}
+
+// Workers report at once; the observer, which is not thread-safe, must see one call at a time, rising.
+TEST(AlgorithmTest, ProgressReachesTheObserverOneCallAtATimeRising) {
+    struct Checker : ProgressObserver {
+        std::atomic<int> inside{0};
+        bool overlapped = false;
+        std::vector<double> seen;
+        void onProgress(double f) override {
+            if (inside.fetch_add(1) != 0) overlapped = true;
+            seen.push_back(f);
+            std::this_thread::yield();
+            inside.fetch_sub(1);
+        }
+    } checker;
+    analysis::IntensityExtrema algo;
+    algo.setProgressObserver(&checker);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 4; ++t)
+        workers.emplace_back([&algo, t] {
+            for (int i = t; i <= 1000; i += 4) algo.reportProgress(i / 1000.0);
+        });
+    for (auto& w : workers) w.join();
+    EXPECT_FALSE(checker.overlapped);
+    ASSERT_FALSE(checker.seen.empty());
+    EXPECT_TRUE(std::is_sorted(checker.seen.begin(), checker.seen.end()));
+    EXPECT_EQ(std::adjacent_find(checker.seen.begin(), checker.seen.end()), checker.seen.end());
+    EXPECT_EQ(checker.seen.back(), 1.0);
 }
 
 // Child runs fill their parent's current step; cancellation on the public algorithm reaches them.
