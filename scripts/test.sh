@@ -39,15 +39,11 @@ else
 fi
 
 if [ "${LYN_TEST_SKIP_ASAN:-0}" != 1 ]; then
-  # Leak detection stays on; tests/lsan.supp only excuses the runners that the plug-in keeps by
-  # design. Its match is on a frame below the dlclose'd plug-in, which only complete stacks reach,
-  # hence fast_unwind_on_malloc=0.
-  export ASAN_OPTIONS="detect_leaks=1:check_initialization_order=1:detect_stack_use_after_return=1:fast_unwind_on_malloc=0"
-  export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
+  export ASAN_OPTIONS="detect_leaks=1:check_initialization_order=1:detect_stack_use_after_return=1"
   export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
   stage "ASan+UBSan" build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DLYN_SANITIZE=address;undefined" \
     -DLYN_BUILD_BENCH=OFF
-  unset ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS
+  unset ASAN_OPTIONS UBSAN_OPTIONS
 else
   banner "ASan+UBSan: skipped (LYN_TEST_SKIP_ASAN=1)"
 fi
