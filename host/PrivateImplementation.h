@@ -6,7 +6,7 @@
 
 #include <tbb/task_group.h>
 
-#include "Core/private/Access/Region.h"
+#include "host/Region.h"
 #include "host/Algorithm.h"
 
 namespace lyn {

@@ -6,7 +6,7 @@
 
 #include <tbb/enumerable_thread_specific.h>
 
-#include "Core/private/Access/Region.h"
+#include "host/Region.h"
 #include "host/BorderCondition.h"
 
 namespace lyn {
