@@ -1,9 +1,9 @@
 // Intensity extrema runner and its registration.
 #include "Core/private/Helper/Acceptance.h"
+#include "Core/private/Helper/AutoRegister.h"
 #include "Core/private/Helper/safe_cast.h"
 #include "Core/private/TmplDispatch/Visitor1Args.h"
 #include "analysis/IntensityExtremaAVX.h"
-#include "morphology/Runners.h"
 
 namespace lyn {
 namespace analysis {

@@ -1,4 +1,5 @@
 // Erosion3d runner: run, and registration with the host when the plug-in loads.
+#include "Core/private/Helper/AutoRegister.h"
 #include "morphology/Runners.h"
 #include "morphology/SquareCubeDispatchers.h"
 

@@ -9,8 +9,9 @@ namespace lyn {
 namespace morphology {
 
 // Square and cube runners decline a request whose pass count exceeds the limit for its
-// neighbourhood value (0, 1, 2), unless the input is stored on disk; a value outside 0..2 has no
-// limit. The limits differ between dilation and erosion on purpose.
+// "Neighborhood" property value (the index: 0, 1, 2), unless the input is stored on disk. The
+// values are deliberate and kept as they are, dilation and erosion differing; a property value
+// outside 0..2 has no limit although the dispatchers read it as the square or the cube.
 struct PassLimits {
     long limit[3];  // -1: no limit
 };
@@ -57,23 +58,3 @@ public:
 
 } // namespace morphology
 } // namespace lyn
-
-// One registration object per runner: adds the runner to its class at load time and removes it at
-// unload. The runner object itself is never freed.
-#define LYN_AUTO_REGISTER_RUNNABLE(RunnerName, RunnerType, AlgoClass)                 \
-    class AutoRegisterRunnable##RunnerName {                                           \
-    public:                                                                            \
-        AutoRegisterRunnable##RunnerName() {                                           \
-            m_runner = nullptr;                                                        \
-            if (::lyn::AlgoInfo* info = AlgoClass::getClassInfo()) {                   \
-                m_runner = new RunnerType();                                           \
-                info->addRunner(m_runner);                                             \
-            }                                                                          \
-        }                                                                              \
-        ~AutoRegisterRunnable##RunnerName() {                                          \
-            if (!m_runner) return;                                                     \
-            if (::lyn::AlgoInfo* info = AlgoClass::getClassInfo()) info->removeRunner(m_runner); \
-        }                                                                              \
-        ::lyn::Runnable* m_runner;                                                     \
-    };                                                                                 \
-    AutoRegisterRunnable##RunnerName g_autoRegisterRunnable##RunnerName;
