@@ -20,7 +20,3 @@ configure_package_config_file(cmake/lynConfig.cmake.in ${CMAKE_BINARY_DIR}/lynCo
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/lynConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/lynConfig.cmake ${CMAKE_BINARY_DIR}/lynConfigVersion.cmake
   DESTINATION ${LYN_INSTALL_CMAKEDIR} COMPONENT development)
-# Host headers still reach Region.h in its old place.
-if(EXISTS ${CMAKE_SOURCE_DIR}/Core/private/Access/Region.h)
-  install(FILES Core/private/Access/Region.h DESTINATION include/lyn/Core/private/Access COMPONENT development)
-endif()
