@@ -1,5 +1,6 @@
 // DilationDisk2d runner: mode 0 the fast decomposition, any other mode the exact offsets of a disk.
 // Registered with the host when the plug-in loads.
+#include "Core/private/Helper/AutoRegister.h"
 #include "morphology/Runners.h"
 #include "morphology/StructuringElementDispatchers.h"
 

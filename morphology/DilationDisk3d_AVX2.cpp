@@ -1,5 +1,6 @@
 // DilationDisk3d runner: the exact offsets of a disk in an oriented plane.
 // Registered with the host when the plug-in loads.
+#include "Core/private/Helper/AutoRegister.h"
 #include "morphology/Runners.h"
 #include "morphology/StructuringElementDispatchers.h"
 

@@ -1,5 +1,6 @@
 // DilationLine2d runner: the exact offsets of a line of `length` pixels.
 // Registered with the host when the plug-in loads.
+#include "Core/private/Helper/AutoRegister.h"
 #include "morphology/Runners.h"
 #include "morphology/StructuringElementDispatchers.h"
 

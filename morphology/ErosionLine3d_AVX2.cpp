@@ -1,5 +1,6 @@
 // ErosionLine3d runner: the exact offsets of a 3D line of `length` voxels.
 // Registered with the host when the plug-in loads.
+#include "Core/private/Helper/AutoRegister.h"
 #include "morphology/Runners.h"
 #include "morphology/StructuringElementDispatchers.h"
 
