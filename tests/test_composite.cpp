@@ -16,13 +16,14 @@
 #include "host/Cpu.h"
 #include "host/PluginLoader.h"
 #include "host/generic/Generic.h"
+#include "tests/support.h"
 
 using namespace lyn;
+using namespace lyn::test;
 using morphology::CompositeMorphology;
 
 namespace {
 
-constexpr std::uint64_t kHuge = std::uint64_t(1) << 40;
 const CompositeMorphology::Operation kOps[] = {CompositeMorphology::Open, CompositeMorphology::Close,
                                                CompositeMorphology::Gradient, CompositeMorphology::TopHat,
                                                CompositeMorphology::BlackHat};
@@ -30,7 +31,7 @@ const char* kOpNames[] = {"open", "close", "gradient", "tophat", "blackhat"};
 
 // Floats mix in NaN, both zeros, infinities and the finite extremes; integers span the whole range
 // (so differences saturate) with many ties.
-void fill(MemoryImage& image, std::uint64_t seed) {
+void fillWholeRange(MemoryImage& image, std::uint64_t seed) {
     std::mt19937_64 rng(seed);
     dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
         using Traits = decltype(traits);
@@ -51,14 +52,6 @@ void fill(MemoryImage& image, std::uint64_t seed) {
     });
 }
 
-std::string firstDifference(const MemoryImage& a, const MemoryImage& b) {
-    if (a.extents() != b.extents() || a.getVoxelType() != b.getVoxelType()) return "types or extents differ";
-    const std::size_t size = helper::getSizeOf(a.getVoxelType());
-    for (std::uint64_t i = 0; i < a.getNumOfVoxels(); ++i)
-        if (std::memcmp(a.dataAs<char>() + i * size, b.dataAs<char>() + i * size, size))
-            return "first difference at voxel " + std::to_string(i) + " of " + a.describe();
-    return "";
-}
 
 std::unique_ptr<MemoryImage> copyOf(const MemoryImage& image) {
     auto c = std::make_unique<MemoryImage>(image.getVoxelType(), image.extents());
@@ -156,7 +149,7 @@ TEST_F(CompositeTest, EveryOperationTypeAndShapeMatchesItsStagesOnBothPathsInPla
     for (VoxelTypes t : served)
         for (const Case& c : cases) {
             MemoryImage in(t, c.extents);
-            fill(in, seed++);
+            fillWholeRange(in, seed++);
             for (int k = 0; k < 5; ++k) {
                 const auto op = kOps[k];
                 const auto want = expected(op, c, in, false);
@@ -180,7 +173,7 @@ TEST_F(CompositeTest, TypesOnlyTheHostServesAndSaturationAtBothEnds) {
     // Binary differences stay within 0..1; 64-bit integers saturate without overflowing.
     for (VoxelTypes t : {Binary, Int64, UInt64}) {
         MemoryImage in(t, 21, 13, 1);
-        fill(in, 7);
+        fillWholeRange(in, 7);
         if (t == Binary)
             for (std::uint64_t i = 0; i < in.getNumOfVoxels(); ++i) in.dataAs<std::uint8_t>()[i] &= 1;
         const Case c{2, 1, 1, in.extents()};
@@ -203,7 +196,7 @@ TEST_F(CompositeTest, TypesOnlyTheHostServesAndSaturationAtBothEnds) {
 TEST_F(CompositeTest, OpeningBelowInputBelowClosingAndBothIdempotent) {
     for (VoxelTypes t : {UInt8, Int16, Float}) {
         MemoryImage in(t, 41, 29, 5);
-        fill(in, 11);
+        fillWholeRange(in, 11);
         // Ordering needs comparable values, and finite ones: the border is the finite extreme, so
         // an infinity at the edge would come out of a closing as that extreme.
         if (t == Float)
@@ -243,7 +236,7 @@ TEST_F(CompositeTest, AnEvenLineIsMirroredByItsNegatedOffsetsAndItsOpeningStaysB
 
     p.length = 4;
     MemoryImage in(Int16, 31, 23, 1);
-    fill(in, 17);
+    fillWholeRange(in, 17);
     auto open = CompositeMorphology::create(CompositeMorphology::Open);
     auto close = CompositeMorphology::create(CompositeMorphology::Close);
     open->setStructuringElement(line);
@@ -259,7 +252,7 @@ TEST_F(CompositeTest, AnEvenLineIsMirroredByItsNegatedOffsetsAndItsOpeningStaysB
 
 TEST_F(CompositeTest, IntermediateImageWithinTheMemoryBudget) {
     MemoryImage in(UInt16, 64, 32, 4);  // 16 KiB
-    fill(in, 3);
+    fillWholeRange(in, 3);
     const Case c{3, 2, 2, in.extents()};
     // Gradient always holds one intermediate image; the top-hats only when they write over the input.
     for (auto [op, inPlace, needs] : {std::tuple{CompositeMorphology::Gradient, false, true},
@@ -294,7 +287,7 @@ struct Recorder : ProgressObserver {
 
 TEST_F(CompositeTest, ProgressCoversEveryStageAndCancellationStopsAnyOfThem) {
     MemoryImage in(Float, 64, 64, 48);
-    fill(in, 5);
+    fillWholeRange(in, 5);
     const Case c{3, 3, 1, in.extents()};
     auto algo = composite(CompositeMorphology::Gradient, c);  // three steps: erosion, dilation, subtraction
     algo->setGrainSizes({1, 8, kHuge});

@@ -24,12 +24,13 @@
 #include "host/PluginLoader.h"
 #include "host/Settings.h"
 #include "host/TemporaryImage.h"
+#include "tests/support.h"
 
 using namespace lyn;
+using namespace lyn::test;
 
 namespace {
 
-constexpr std::uint64_t kHuge = std::uint64_t(1) << 40;
 
 // A fresh directory, removed with whatever it holds at the end of the test.
 class ScratchDir {
@@ -84,20 +85,6 @@ private:
     const char* m_key;
 };
 
-void fill(MemoryImage& image, std::uint64_t seed) {
-    std::mt19937_64 rng(seed);
-    dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
-        using T = typename decltype(traits)::type;
-        T* d = image.template dataAs<T>();
-        for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) {
-            const std::uint64_t r = rng();
-            if constexpr (std::is_floating_point_v<T>)
-                d[i] = (r & 31) == 0 ? std::numeric_limits<T>::quiet_NaN() : (r & 31) == 1 ? -T(0) : T(std::int64_t(r >> 20) % 1000) / 8;
-            else d[i] = (r & 7) == 0 ? T(r >> 8) : T(std::int64_t(r >> 16) % 23);
-        }
-    });
-}
-
 std::unique_ptr<DiskImage> toDisk(const MemoryImage& image, const std::string& path) {
     auto disk = DiskImage::createNpy(path, image.getVoxelType(), image.extents(), image.getNumOf(Plans) > 1 ? 3 : 2);
     const Extents e = image.extents();
@@ -124,10 +111,6 @@ std::unique_ptr<MemoryImage> toMemory(const ImageModel& image) {
     return out;
 }
 
-bool sameBits(const MemoryImage& a, const MemoryImage& b) {
-    return a.extents() == b.extents() && a.getVoxelType() == b.getVoxelType() &&
-           std::memcmp(a.data(), b.data(), a.getSizeInBytes()) == 0;
-}
 
 std::string fileBytes(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -373,14 +356,6 @@ protected:
     ScratchDir m_dir;
 };
 
-std::unique_ptr<morphology::SquareMorphology> makeSquare(int dims, bool dilate) {
-    if (dims == 2) {
-        if (dilate) return std::make_unique<morphology::Dilation2d>();
-        return std::make_unique<morphology::Erosion2d>();
-    }
-    if (dilate) return std::make_unique<morphology::Dilation3d>();
-    return std::make_unique<morphology::Erosion3d>();
-}
 
 struct DiskCase {
     int dims;
