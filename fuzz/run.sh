@@ -32,7 +32,7 @@ export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 pids=()
 for r in npy tiff; do
   (cd "$out/crash-$r" && "$out/bin/fuzz_$r" -max_total_time="$secs" -rss_limit_mb=2048 -malloc_limit_mb=1024 \
-     -timeout=20 -print_final_stats=1 -artifact_prefix="$out/crash-$r/" \
+     -timeout=60 -print_final_stats=1 -artifact_prefix="$out/crash-$r/" \
      "$out/corpus-$r" "$out/seed-$r" >"$out/fuzz-$r.log" 2>&1) &
   pids+=($!)
 done

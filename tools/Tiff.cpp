@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -137,6 +138,20 @@ std::unique_ptr<MemoryImage> readTiff(const std::string& path) {
             throw InputError(where + "is truncated: " + std::to_string(width) + " x " + std::to_string(height) +
                              " pixels of " + voxelTypeName(type) + " cannot come from " + std::to_string(stored) +
                              " stored bytes");
+        if (ratio == 0) {
+            // No known bound on what these bytes expand to: decode the start of the page's first
+            // strip or tile before trusting the size it claims, so that a few bytes in a codec that
+            // cannot read them do not make us allocate gigabytes first.
+            const tmsize_t chunk = tiled ? TIFFTileSize(tif.get()) : TIFFStripSize(tif.get());
+            std::vector<char> probe(static_cast<std::size_t>(std::clamp<tmsize_t>(chunk, 1, tmsize_t(1) << 20)));
+            g_tiffError.clear();
+            const tmsize_t got = chunk <= 0 ? -1
+                                 : tiled ? TIFFReadEncodedTile(tif.get(), 0, probe.data(), tmsize_t(probe.size()))
+                                         : TIFFReadEncodedStrip(tif.get(), 0, probe.data(), tmsize_t(probe.size()));
+            if (got < 0)
+                throw InputError(where + "cannot be decoded (compression " + std::to_string(compression) + ")" +
+                                 libtiffSays());
+        }
     }
 
     auto image = std::make_unique<MemoryImage>();
