@@ -4,7 +4,6 @@ Images are NumPy arrays whose last axis is the column axis: (rows, cols) for a 2
 (plans, rows, cols) for a volume, up to (axis4, axis3, plans, rows, cols). The computation
 releases the GIL; Ctrl-C cancels it. ``lyn.dask`` runs the same operations over dask arrays.
 """
-import math
 import numbers
 
 from . import _lyn
@@ -190,43 +189,32 @@ def _range_mode(per):
 
 
 def _number(value, integral):
-    if integral and not math.isnan(value):
-        return int(value)
-    return float(value)
+    """A NumPy scalar as a Python number: int64 and uint64 values are converted exactly."""
+    return int(value) if integral else float(value)
 
 
 def extrema(image, per=None, *, threads=None, generic=False, progress=None, cancel=None):
-    """Smallest and largest value of `image`.
+    """Smallest and largest value of `image`, exactly.
 
-    Without `per`, two Python numbers (int for integer images, float otherwise). With `per`, a
-    subset of ("plan", "axis3", "axis4"), two arrays of the measurement's shape (plans, axis3,
-    axis4), each axis not named being of extent 1: uint64 for unsigned images, int64 for other
-    integer images, float64 otherwise. NaN voxels are
-    ignored; an element holding only NaN gives NaN. An empty image raises ValueError.
+    Without `per`, two Python numbers: ints for integer images (64-bit values included, exactly),
+    floats otherwise (infinities when they are the extremes). With `per`, a subset of ("plan",
+    "axis3", "axis4"), two arrays of the measurement's shape (plans, axis3, axis4), each axis not
+    named being of extent 1: uint64 for unsigned images, int64 for other integer images, float64
+    otherwise. NaN voxels are ignored; an element holding only NaN gives NaN. An empty image raises
+    ValueError.
     """
     import numpy as np
 
     mode = _range_mode(per)
     threads = _common(threads, progress, cancel)
-    arr = image if isinstance(image, np.ndarray) else None
-    if arr is None:
+    if not isinstance(image, np.ndarray):
         raise TypeError(f"image: expected a numpy.ndarray, not {type(image).__name__}")
-    lo, hi = _lyn.extrema(arr, mode, threads, bool(generic), progress, cancel)
-    kind = arr.dtype.kind
-    integral = kind in "uib"
-    if kind == "f":
-        # An element with no value at all (every voxel NaN) keeps the scan's starting values.
-        empty = lo > hi
-        lo[empty] = np.nan
-        hi[empty] = np.nan
+    lo, hi = _lyn.extrema(image, mode, threads, bool(generic), progress, cancel)
     if per is None:
+        integral = image.dtype.kind in "uib"
         return _number(lo.flat[0], integral), _number(hi.flat[0], integral)
     # The module gives (axis4, axis3, plans) in C order, i.e. the measurement's order, plans fastest.
-    lo, hi = np.ascontiguousarray(lo.transpose()), np.ascontiguousarray(hi.transpose())
-    if integral:
-        dtype = np.uint64 if kind == "u" else np.int64
-        lo, hi = lo.astype(dtype), hi.astype(dtype)
-    return lo, hi
+    return np.ascontiguousarray(lo.transpose()), np.ascontiguousarray(hi.transpose())
 
 
 def empty(shape, dtype):

@@ -326,13 +326,33 @@ py::object runExtrema(const py::object& imageObject, int mode, int threads, bool
     algo.result = &msr;
     applyCommon(algo, threads, generic);
     execute(algo, progress, cancel);
-    // (plans, axis3, axis4) with plans fastest, as the measurement stores them.
+    // The exact values, not the double arrays: a double cannot hold every 64-bit integer.
     const auto& shape = msr.minimum().shape();
-    py::array_t<double> lo({shape[2], shape[1], shape[0]});
-    py::array_t<double> hi({shape[2], shape[1], shape[0]});
-    std::copy(msr.minimum().values().begin(), msr.minimum().values().end(), lo.mutable_data());
-    std::copy(msr.maximum().values().begin(), msr.maximum().values().end(), hi.mutable_data());
-    return py::make_tuple(lo, hi);
+    const std::vector<py::ssize_t> dims{py::ssize_t(shape[2]), py::ssize_t(shape[1]), py::ssize_t(shape[0])};
+    const bool real = type == Float || type == Double;
+    const bool isUnsigned = type == UInt8 || type == UInt16 || type == UInt32 || type == UInt64;
+    // (axis4, axis3, plans) in C order, i.e. the measurement's own order with plans fastest.
+    auto exact = [&](const std::vector<analysis::ExactValue>& values) -> py::array {
+        if (real) {
+            py::array_t<double> a(dims);
+            std::transform(values.begin(), values.end(), a.mutable_data(), [](const auto& v) { return v.toDouble(); });
+            return std::move(a);
+        }
+        if (std::any_of(values.begin(), values.end(), [](const auto& v) { return !v.hasValue(); }))
+            valueError("image: an element of the measurement is empty, it has no extrema");
+        if (isUnsigned) {
+            py::array_t<std::uint64_t> a(dims);
+            std::transform(values.begin(), values.end(), a.mutable_data(), [](const auto& v) { return v.asUnsigned(); });
+            return std::move(a);
+        }
+        py::array_t<std::int64_t> a(dims);
+        // Binary images hold 0 and 1, which the measurement reports as unsigned.
+        std::transform(values.begin(), values.end(), a.mutable_data(), [](const auto& v) {
+            return v.kind() == analysis::ExactValue::Kind::Unsigned ? std::int64_t(v.asUnsigned()) : v.asSigned();
+        });
+        return std::move(a);
+    };
+    return py::make_tuple(exact(msr.exactMinimum()), exact(msr.exactMaximum()));
 }
 
 py::dict info() {

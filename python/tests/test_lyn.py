@@ -1,6 +1,7 @@
 """lyn's Python package against the command-line tool, and its own contract: out=, in place,
 copies, errors, progress, cancellation, extrema."""
 import _thread
+import json
 import threading
 import time
 
@@ -160,6 +161,7 @@ ERRORS = [
     (lambda: lyn.dilate(np.zeros((4, 4), np.float16), "square"), TypeError, "float16"),
     (lambda: lyn.dilate([[1, 2], [3, 4]], "square"), TypeError, "image"),
     (lambda: lyn.extrema(np.zeros((0, 4), np.uint8)), ValueError, "empty"),
+    (lambda: lyn.extrema(np.zeros((3, 0, 4), np.float32), per="plan"), ValueError, "empty"),
     (lambda: lyn.extrema(a2, per=("row",)), ValueError, "per"),
     (lambda: lyn.extrema(np.zeros((4, 4), object)), TypeError, "object"),
 ]
@@ -257,27 +259,46 @@ def test_the_gil_is_released_while_computing():
     assert ticks[0] > 20
 
 
+F32_MAX = float(np.finfo(np.float32).max)
 EXTREMA_CASES = [
     (np.array([[3, -7], [5, 2]], np.int8), -7, 5),
     (np.array([[0, 2**32 - 1]], np.uint32), 0, 2**32 - 1),
     (np.array([[-(2**31), 7]], np.int32), -(2**31), 7),
+    # 64-bit values that a double cannot tell apart, the types' extremes among them.
+    (np.array([[2**64 - 2, 2**64 - 1], [2**64 - 3, 2**63]], np.uint64), 2**63, 2**64 - 1),
+    (np.array([[2**64 - 2, 2**64 - 3]], np.uint64), 2**64 - 3, 2**64 - 2),
+    (np.array([[-(2**63), 2**63 - 1, -(2**63) + 1]], np.int64), -(2**63), 2**63 - 1),
+    (np.array([[2**53 + 3, 2**53 + 1, -(2**53) - 1]], np.int64), -(2**53) - 1, 2**53 + 3),
+    # Infinities, alone or beside the finite extremes the scan starts from.
     (np.array([[1.5, np.nan], [-np.inf, 2.0]], np.float64), -np.inf, 2.0),
     (np.array([[np.nan, np.inf], [1.0, np.nan]], np.float32), 1.0, np.inf),
+    (np.array([[np.inf, np.nan, np.inf]], np.float64), np.inf, np.inf),
+    (np.array([[-np.inf, -np.inf]], np.float32), -np.inf, -np.inf),
+    (np.array([[F32_MAX, -F32_MAX, np.nan]], np.float32), -F32_MAX, F32_MAX),
     (np.array([[True, False]]), 0, 1),
 ]
 
 
+@pytest.mark.parametrize("generic", [False, True], ids=["plugin", "generic"])
 @pytest.mark.parametrize("image,lo,hi", EXTREMA_CASES, ids=range(len(EXTREMA_CASES)))
-def test_extrema_are_exact_python_numbers(image, lo, hi):
-    got = lyn.extrema(image)
+def test_extrema_are_exact_python_numbers(image, lo, hi, generic):
+    got = lyn.extrema(image, generic=generic)
     assert got == (lo, hi)
     wanted = float if image.dtype.kind == "f" else int
     assert all(type(v) is wanted for v in got)
+    # Wide enough for the vector paths, with the extremes in the middle of a plan.
+    volume = np.resize(np.sort(image, axis=None)[len(image.flat) // 2], (3, 5, 70)).astype(image.dtype)
+    volume[1, 2, 33:33 + image.size] = image.ravel()
+    got = lyn.extrema(volume, per="plan", generic=generic)
+    assert got[0][1, 0, 0] == lo and got[1][1, 0, 0] == hi
+    assert got[0].dtype == {"u": np.uint64, "i": np.int64, "b": np.int64, "f": np.float64}[image.dtype.kind]
 
 
-def test_extrema_of_only_nan_is_nan():
-    lo, hi = lyn.extrema(np.full((3, 4), np.nan, np.float32))
-    assert np.isnan(lo) and np.isnan(hi)
+@pytest.mark.parametrize("generic", [False, True], ids=["plugin", "generic"])
+def test_extrema_of_only_nan_is_nan(generic):
+    for dtype in (np.float32, np.float64):
+        lo, hi = lyn.extrema(np.full((3, 40), np.nan, dtype), generic=generic)
+        assert type(lo) is float and np.isnan(lo) and np.isnan(hi)
 
 
 def test_extrema_per_plan_and_axes():
@@ -302,6 +323,29 @@ def test_extrema_with_and_without_the_plug_in_agree():
         a = lyn.extrema(image, per=("plan",))
         b = lyn.extrema(image, per=("plan",), generic=True)
         assert all(same_bits(x, y) for x, y in zip(a, b))
+
+
+@pytest.mark.parametrize("dtype", [np.uint64, np.int64, np.int8, np.float32, np.float64])
+def test_extrema_per_element_agree_with_the_tool(tool, tmp_path, dtype):
+    data = random_image((2, 3, 4, 5, 37), dtype, seed=3)
+    if data.dtype.kind == "f":
+        data[0, 1, 2] = np.nan  # no value
+        data[1, 2, 3] = np.inf
+        data[1, 2, 3, 0, 0] = np.nan
+        data[0, 0, 1] = -np.inf
+    path = tmp_path / "x.npy"
+    np.save(path, data)
+    report = json.loads(tool("extrema", path, "--per", "plan,axis3,axis4", "--json"))
+    lo, hi = lyn.extrema(data, per=("plan", "axis3", "axis4"))
+    assert list(lo.shape) == report["shape"]
+
+    def read(v):  # strict JSON: infinities as strings, no value as null
+        return float("nan") if v is None else float(v) if isinstance(v, str) else v
+
+    for got, listed in ((lo, report["min"]), (hi, report["max"])):
+        # The JSON lists the measurement in its own order, plans fastest.
+        for g, e in zip(got.ravel(order="F").tolist(), map(read, listed), strict=True):
+            assert g == e or (g != g and e != e), (g, e)
 
 
 def test_info_reports_the_plug_in_and_runners():
