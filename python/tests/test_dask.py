@@ -39,6 +39,23 @@ def test_equals_the_in_memory_call_whatever_the_chunking(case, dtype):
             assert same_bits(got, expected), (op, chunks)
 
 
+def test_the_graph_adds_at_most_two_tasks_per_block():
+    x = da.zeros((40, 64, 64), dtype=np.uint8, chunks=16)
+    for shape, options in [("cube", {}), ("ball", {"radius": 20}), ("line", {"length": 5})]:
+        lazy = lyn.dask.dilate(x, shape, **options)
+        assert len(dict(lazy.__dask_graph__())) - len(dict(x.__dask_graph__())) <= 2 * x.npartitions
+
+
+def test_chunks_merges_blocks_and_keeps_the_result():
+    image = random_image((20, 33, 47), np.float32)
+    x = da.from_array(image, chunks=(3, 5, 7))
+    expected = lyn.erode(image, "ball", radius=2)
+    for chunks in ("auto", (10, 33, 24), {0: 7, 1: 11}):
+        lazy = lyn.dask.erode(x, "ball", radius=2, chunks=chunks)
+        assert lazy.chunks == x.rechunk(chunks).chunks
+        assert same_bits(lazy.compute(scheduler="threads"), expected), chunks
+
+
 def test_depth_is_the_reach_clipped_to_the_extent():
     x = da.zeros((3, 40, 50), dtype=np.uint8, chunks=10)
     assert lyn.dask.depth(x, "cube", radius=5) == {0: 2, 1: 5, 2: 5}
@@ -73,6 +90,19 @@ def test_extrema_on_a_volume_with_nan_chunks():
     volume = random_image((6, 8, 10), np.float32, specials=False)
     volume[:3] = np.nan
     assert lyn.dask.extrema(da.from_array(volume, chunks=3)) == lyn.extrema(volume)
+
+
+def test_extrema_keep_64_bit_integers_exact():
+    # Neighbours that a double cannot tell apart, in different chunks.
+    unsigned = np.full((4, 6, 10), 2**64 - 2, np.uint64)
+    unsigned[3, 5, 9], unsigned[0, 0, 0] = 2**64 - 1, 2**64 - 3
+    signed = np.full((4, 6, 10), -(2**63) + 2, np.int64)
+    signed[1, 2, 3], signed[2, 3, 4] = -(2**63), 2**63 - 1
+    for data in (unsigned, signed):
+        x = da.from_array(data, chunks=(2, 3, 4))
+        assert lyn.dask.extrema(x) == lyn.extrema(data) == (int(data.min()), int(data.max()))
+        for g, e in zip(lyn.dask.extrema(x, per="plan"), lyn.extrema(data, per="plan")):
+            assert same_bits(g, e)
 
 
 def test_errors_are_raised_when_the_graph_is_built():
