@@ -27,6 +27,15 @@ template <class Functor, class T>
 void runOffsets3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
                   std::vector<kernel::Offset3D> offsets);
 
+// The same pass folded as runs along x (OffsetRuns.cpp), for the six integer types only: false,
+// having run nothing, when the list's runs are too short to pay.
+template <class Functor, class T>
+bool runOffsetRuns2d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
+                     const std::vector<kernel::Offset2D>& offsets);
+template <class Functor, class T>
+bool runOffsetRuns3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
+                     const std::vector<kernel::Offset3D>& offsets);
+
 // `passes` passes of the square or cube kernel for `neighbourhood` (read as the square and cube
 // runners read it), run as the current step of `parent`: its progress, cancellation and memory
 // budget apply. Compiled with the square and cube kernels themselves.

@@ -117,9 +117,11 @@ std::unique_ptr<MemoryImage> runCase(const SeCase& c, const MemoryImage& input, 
     return out;
 }
 
-void check(const SeCase& c, VoxelTypes t, std::uint64_t seed) {
+using Filler = std::function<void(MemoryImage&, std::uint64_t)>;
+
+void check(const SeCase& c, VoxelTypes t, std::uint64_t seed, const Filler& filler = fill) {
     MemoryImage input(t, c.extents);
-    fill(input, seed);
+    filler(input, seed);
     bool used = false;
     auto fast = runCase(c, input, true, &used);
     auto reference = runCase(c, input, false, nullptr);
@@ -216,6 +218,69 @@ TEST_F(SeRunnerTest, LargeRadii) {
             check({Shape::Line3d, dilate, 1, 99, 45, 30, {19, 9, 7, 1, 1}, true, kHuge, 2, kDefaultGrain}, t, 5);
             check({Shape::Disk3d, dilate, 1, 21, 135, 45, {19, 9, 7, 1, 1}, false, kHuge, 2, kDefaultGrain}, t, 6);
         }
+}
+
+// One middle value with, about once in `every` voxels, the type's lowest, its highest or a random
+// value: each output voxel is decided by one or two offsets of the shape, so that a lost or
+// misplaced offset shows. Floats as fill().
+Filler sparseExtremes(std::uint64_t every) {
+    return [every](MemoryImage& image, std::uint64_t seed) {
+        std::mt19937_64 rng(seed);
+        dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
+            using T = typename decltype(traits)::type;
+            if constexpr (std::is_integral_v<T>) {
+                const T lo = std::numeric_limits<T>::min(), hi = std::numeric_limits<T>::max();
+                const T mid = T(lo / 2 + hi / 2);
+                T* d = image.template dataAs<T>();
+                for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) {
+                    const std::uint64_t r = rng();
+                    d[i] = r % every != 0 ? mid : (r >> 32) % 3 == 0 ? lo : (r >> 32) % 3 == 1 ? hi : T(r >> 40);
+                }
+            } else {
+                fill(image, seed);
+            }
+        });
+    };
+}
+
+// Integer exact shapes fold runs of consecutive offsets along x: long horizontal runs, runs of
+// one voxel (steep lines, tilted disks), radii 0..12 and one far beyond the image, widths around
+// the vector and narrower than the shape, single-plan volumes, type extremes.
+TEST_F(SeRunnerTest, RunsAlongXAgainstGenericCode) {
+    struct Row {
+        Shape shape;
+        unsigned size;
+        double angle1, angle2;
+    };
+    std::vector<Row> rows = {{Shape::Line2d, 21, 0, 0},  {Shape::Line2d, 64, 0, 0},   {Shape::Line2d, 301, 0, 0},
+                             {Shape::Line2d, 21, 30, 0}, {Shape::Line2d, 40, 90, 0},  {Shape::Line2d, 33, 170, 0},
+                             {Shape::Line3d, 15, 0, 0},  {Shape::Line3d, 31, 30, 45}, {Shape::Disk3d, 5, 30, 45},
+                             {Shape::Disk3d, 7, 0, 90},  {Shape::Disk3d, 6, 90, 0},   {Shape::Disk2d, 40, 0, 0},
+                             {Shape::Ball3d, 12, 0, 0}};
+    for (unsigned r = 0; r <= 12; ++r) rows.push_back({Shape::Disk2d, r, 0, 0});
+    for (unsigned r = 0; r <= 6; ++r) rows.push_back({Shape::Ball3d, r, 0, 0});
+    std::mt19937 rng(21);
+    const auto pick = [&](auto const& list) { return list[rng() % std::size(list)]; };
+    const Grain grains[] = {{1, 1, 1}, {1, 3, 5}, {2, 7, kHuge}, kOneBlock};
+    unsigned step = 0;
+    for (const Row& row : rows)
+        for (VoxelTypes t : {UInt8, Int8, UInt16, Int16, UInt32, Int32})
+            for (bool dilate : {true, false}) {
+                SeCase c{row.shape, dilate, 1, row.size, row.angle1, row.angle2};
+                const std::uint64_t l = lanes(t), reach = 2 * row.size + 1;
+                const std::uint64_t widths[] = {1, l - 1, l, l + 1, 2 * l + 3, reach - 1, reach + l};
+                const std::uint64_t w = std::max<std::uint64_t>(1, std::min<std::uint64_t>(pick(widths), 3 * l));
+                c.extents = c.dims() == 2 ? Extents{w, 1 + rng() % 29, 1, 1, 1}
+                                          : Extents{w, 1 + rng() % 13, rng() % 3 == 0 ? 1 : 2 + rng() % 8, 1, 1};
+                c.grain = pick(grains);
+                c.threads = 1 + int(rng() % 2);
+                c.inPlace = rng() % 2 == 0;
+                const std::uint64_t every = c.shape == Shape::Ball3d ? reach * reach * reach / 2
+                                            : c.shape == Shape::Disk2d || c.shape == Shape::Disk3d ? reach * reach
+                                                                                                   : row.size;
+                check(c, t, ++step, sparseExtremes(std::max<std::uint64_t>(every, 3)));
+                if (HasFatalFailure()) return;
+            }
 }
 
 // ---------------------------------------------------------------------------------------------
