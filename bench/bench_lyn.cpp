@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -27,11 +28,15 @@
 
 #include "host/Algorithm.h"
 #include "host/Algorithms.h"
+#include "host/CompositeMorphology.h"
 #include "host/DiskImage.h"
 #include "host/Image.h"
 #include "host/Measurement.h"
 #include "host/PluginLoader.h"
+#include "host/PrivateImplementation.h"
+#include "host/Shapes.h"
 #include "host/TemporaryImage.h"
+#include "host/generic/Generic.h"
 
 namespace {
 
@@ -529,6 +534,150 @@ void registerShapes() {
     add(base + "disk3d-r5-a30-e45", {lyn::UInt8, kVolume, Se::Disk3d, 1, 5, 30, 45, Impl::Plugin});
 }
 
+// Opening, closing, gradient and top-hats: the host's composite algorithm against the same stages
+// run as separate calls on the same images (the second stage in place, as the composite runs it;
+// the gradient's intermediate image allocated once, where the composite allocates its own per run).
+using Composite = lyn::morphology::CompositeMorphology;
+
+struct CompositeCase {
+    VoxelTypes type;
+    Shape shape;
+    const char* shapeName;
+    lyn::shapes::ShapeParams params;
+    Composite::Operation op;
+    bool composite;  // false: the stages as separate calls
+};
+
+// Progress and cancellation for a call of the host's subtraction made outside any algorithm.
+class Standalone : public lyn::algorithms::AbstractPrivateImplementation {
+public:
+    Standalone() : AbstractPrivateImplementation(nullptr) {}
+    void run() override {}
+};
+
+void benchComposite(benchmark::State& st, CompositeCase c) {
+    guarded(st, [&] {
+        using Stage = std::unique_ptr<lyn::morphology::StructuringElementMorphology>;
+        const int threads = static_cast<int>(st.range(0));
+        const MemoryImage& in = pool().input(c.type, c.shape, Pattern::Range);
+        MemoryImage& out = pool().scratch(c.type, c.shape);
+        const lyn::shapes::ShapeInfo& info = lyn::shapes::findShape(c.shapeName);
+        std::unique_ptr<Composite> composite;
+        Stage dilation, erosion;
+        std::unique_ptr<MemoryImage> tmp;
+        Standalone step;
+        tbb::task_arena arena(threads);
+        std::function<void()> run;
+        if (c.composite) {
+            composite = Composite::create(c.op);
+            composite->setStructuringElement(lyn::morphology::shapeElement(info, c.params));
+            composite->setImages(&in, &out);
+            composite->setMaxThreads(threads);
+            run = [&] { composite->execute(); };
+        } else {
+            dilation = lyn::shapes::makeAlgorithm(info, c.params, true);
+            erosion = lyn::shapes::makeAlgorithm(info, c.params, false);
+            dilation->setMaxThreads(threads);
+            erosion->setMaxThreads(threads);
+            // Both shapes here are centrally symmetric: the mirrored second stage is the same algorithm.
+            const auto stage = [](Stage& algo, const MemoryImage* source, MemoryImage* target) {
+                algo->setImages(source, target);
+                algo->execute();
+            };
+            const auto subtract = [&](const MemoryImage& a, const MemoryImage& b) {
+                arena.execute([&] { lyn::generic::subtract(a, b, out, step); });
+            };
+            switch (c.op) {
+            case Composite::Open:
+                run = [&] {
+                    stage(erosion, &in, &out);
+                    stage(dilation, &out, &out);
+                };
+                break;
+            case Composite::Close:
+                run = [&] {
+                    stage(dilation, &in, &out);
+                    stage(erosion, &out, &out);
+                };
+                break;
+            case Composite::Gradient:
+                tmp = std::make_unique<MemoryImage>(c.type, c.shape.cols, c.shape.rows, c.shape.plans);
+                std::memset(tmp->data(), 0, tmp->getSizeInBytes());
+                run = [&] {
+                    stage(erosion, &in, tmp.get());
+                    stage(dilation, &in, &out);
+                    subtract(out, *tmp);
+                };
+                break;
+            case Composite::TopHat:
+                run = [&] {
+                    stage(erosion, &in, &out);
+                    stage(dilation, &out, &out);
+                    subtract(in, out);
+                };
+                break;
+            case Composite::BlackHat:
+                run = [&] {
+                    stage(dilation, &in, &out);
+                    stage(erosion, &out, &out);
+                    subtract(out, in);
+                };
+                break;
+            }
+        }
+        run();
+        // Every morphology stage must have been served by the plug-in, in both variants.
+        const std::vector<const lyn::Runnable*> runners =
+            composite ? composite->getStageRunners()
+                      : std::vector<const lyn::Runnable*>{dilation->getLastRunner(), erosion->getLastRunner()};
+        if (std::find(runners.begin(), runners.end(), nullptr) != runners.end()) {
+            st.SkipWithError("a stage ran the generic code (plug-in not loaded, or no AVX2?)");
+            return;
+        }
+        st.SetLabel(lyn::runnerName(runners.front()));
+        const ForeignLoad load;
+        for (auto _ : st) run();
+        load.report(st);
+        setBytes(st, in);
+    });
+}
+
+void registerComposites() {
+    const char* opNames[] = {"open", "close", "gradient", "tophat", "blackhat"};
+    const Composite::Operation ops[] = {Composite::Open, Composite::Close, Composite::Gradient, Composite::TopHat,
+                                        Composite::BlackHat};
+    lyn::shapes::ShapeParams radius1, radius3, radius3exact;
+    radius1.radius = 1;
+    radius3.radius = 3;
+    radius3exact.radius = 3;
+    radius3exact.exact = true;
+    struct Set {
+        std::string name;
+        VoxelTypes type;
+        Shape shape;
+        const char* shapeName;
+        lyn::shapes::ShapeParams params;
+        bool allOps;
+    };
+    const Set sets[] = {
+        {"composite2d/uint8/", lyn::UInt8, kPlane, "square", radius1, true},
+        {"composite2d/float32/", lyn::Float, kPlane, "square", radius1, true},
+        {"composite3d/uint8/", lyn::UInt8, kVolume, "ball", radius3, true},
+        {"composite3d/uint8/", lyn::UInt8, kVolume, "ball", radius3exact, false},
+    };
+    for (const Set& set : sets) {
+        const std::string shape = set.shapeName + std::string("-r") + std::to_string(*set.params.radius) +
+                                  (set.shapeName == std::string("ball") ? (set.params.exact ? "-exact" : "-fast") : "");
+        for (std::size_t i = 0; i < (set.allOps ? std::size(ops) : 1); ++i)
+            for (bool composite : {true, false}) {
+                CompositeCase c{set.type, set.shape, set.shapeName, set.params, ops[i], composite};
+                auto* b = reg(set.name + opNames[i] + "-" + shape + "/" + (composite ? "composite" : "stages"),
+                              [c](benchmark::State& st) { benchComposite(st, c); });
+                if (set.params.exact) b->Iterations(2);  // about a second per run
+            }
+    }
+}
+
 // Registered during static initialisation, after liblyn's own statics: BENCHMARK_MAIN then parses
 // the command line and runs the registered benchmarks. The plug-in is loaded here once, so its
 // path is in the output's context and no benchmark pays for the load.
@@ -543,6 +692,7 @@ void registerShapes() {
     registerMorph2d();
     registerMorph3d();
     registerShapes();
+    registerComposites();
     return true;
 }();
 

@@ -3,9 +3,17 @@
 
 OpenCV's cv2.dilate/erode (3x3 square and cross, and the 21 x 21 disk of radius 10, every offset
 with dx^2 + dy^2 <= 100, on 4096 x 4096) and scipy.ndimage's
-grey_dilation (26-connected 3x3x3 on 512 x 512 x 256 uint8). Peers that are not installed are
-skipped. Install them with: apt-get install python3-opencv python3-scipy
-Usage: bench/peers.py [--threads N] [--repeat R]
+grey_dilation (26-connected 3x3x3 on 512 x 512 x 256 uint8).
+
+Opening, closing, gradient and top-hats: OpenCV's morphologyEx with the 3x3 square on 4096 x 4096
+uint8 and float32, scipy.ndimage's grey_opening and grey_closing with the 3x3 square on the uint8
+image and with the ball of radius 3 (every offset with dx^2 + dy^2 + dz^2 <= 9) on 512 x 512 x 256
+uint8. When `import lyn` works (PYTHONPATH=build/python), lyn's call on the same input is timed
+right after the peer's (its output preallocated, as the peer's is where it allows it), and the
+two results are compared bit for bit.
+
+Peers that are not installed are skipped. Install them with: bash scripts/setup.sh --peers
+Usage: bench/peers.py [--threads N] [--repeat R] [--only-composites]
 """
 import argparse
 import time
@@ -22,13 +30,86 @@ def best_of(fn, repeat):
     return sorted(times)[len(times) // 2] * 1e3
 
 
+def composites(args, rng, rows):
+    """(operation, type, shape, peer ms, lyn ms, same bits) rows; lyn's columns None without lyn."""
+    try:
+        import lyn
+    except ImportError:
+        lyn = None
+        print("# lyn not importable (set PYTHONPATH=build/python): peers only")
+
+    def compare(name, dtype, extent, peer, ours, repeat):
+        result = peer()
+        ms = best_of(peer, repeat)
+        lyn_ms = same = None
+        if lyn is not None and ours is not None:
+            mine = ours()
+            lyn_ms = best_of(ours, repeat)
+            same = mine.dtype == result.dtype and np.array_equal(mine, result, equal_nan=mine.dtype.kind == "f")
+        rows.append((name, np.dtype(dtype).name, extent, ms, lyn_ms, same))
+
+    def lyn_call(op, image, out, **shape):
+        return lambda: getattr(lyn, op)(image, out=out, threads=args.threads, **shape)
+
+    img = rng.integers(10, 200, size=(4096, 4096))
+    ops = (("open", "opening"), ("close", "closing"), ("gradient", "gradient"), ("tophat", "tophat"),
+           ("blackhat", "blackhat"))
+    try:
+        import cv2
+
+        cv2.setNumThreads(args.threads)
+        square = np.ones((3, 3), np.uint8)
+        flags = {"open": cv2.MORPH_OPEN, "close": cv2.MORPH_CLOSE, "gradient": cv2.MORPH_GRADIENT,
+                 "tophat": cv2.MORPH_TOPHAT, "blackhat": cv2.MORPH_BLACKHAT}
+        for dtype in (np.uint8, np.float32):
+            a = img.astype(dtype)
+            out, mine = np.empty_like(a), lyn.empty_like(a) if lyn else None
+            for op, fn in ops:
+                # The default border is the neutral value of each stage, as in lyn.
+                compare(f"cv2.morphologyEx {op} 3x3 square", dtype, "4096x4096",
+                        lambda: cv2.morphologyEx(a, flags[op], square, dst=out),
+                        lyn and lyn_call(fn, a, mine, shape="square"), args.repeat)
+    except ImportError:
+        print("# OpenCV (python3-opencv) not installed: skipped")
+    try:
+        from scipy import ndimage
+
+        a = img.astype(np.uint8)
+        mine = lyn.empty_like(a) if lyn else None
+        # scipy's default 'reflect' border repeats in-image values, which a stage of a centrally
+        # symmetric element cannot tell from lyn's neutral border: the results are the same.
+        for op, fn in ops[:2]:
+            compare(f"scipy grey_{fn} 3x3 square", np.uint8, "4096x4096",
+                    lambda: getattr(ndimage, "grey_" + fn)(a, size=(3, 3)),
+                    lyn and lyn_call(fn, a, mine, shape="square"), max(1, args.repeat // 3))
+        vol = rng.integers(10, 200, size=(256, 512, 512)).astype(np.uint8)
+        mine = lyn.empty_like(vol) if lyn else None
+        zz, yy, xx = np.mgrid[-3:4, -3:4, -3:4]
+        ball = zz * zz + yy * yy + xx * xx <= 9
+        for op, fn in ops[:2]:
+            compare(f"scipy grey_{fn} ball r3 (lyn exact)", np.uint8, "512x512x256",
+                    lambda: getattr(ndimage, "grey_" + fn)(vol, footprint=ball),
+                    lyn and lyn_call(fn, vol, mine, shape="ball", radius=3, exact=True), 1)
+        if lyn is not None:
+            for op, fn in ops[:2]:
+                ms = best_of(lyn_call(fn, vol, mine, shape="ball", radius=3), args.repeat)
+                rows.append((f"lyn.{fn} ball r3 fast (no peer)", "uint8", "512x512x256", None, ms, None))
+    except ImportError:
+        print("# scipy (python3-scipy) not installed: skipped")
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--threads", type=int, default=2)
     ap.add_argument("--repeat", type=int, default=7)
+    ap.add_argument("--only-composites", action="store_true", help="only opening, closing, gradient, top-hats")
     args = ap.parse_args()
     rng = np.random.default_rng(7)
     rows = []
+    if args.only_composites:
+        composites(args, rng, rows)
+        print_rows(args, rows)
+        return
     try:
         import cv2
 
@@ -67,10 +148,19 @@ def main():
         rows.append(("numpy min()+max()", "uint8", "512x512x256", ms))
     except ImportError:
         print("# scipy (python3-scipy) not installed: skipped")
-    print(f"# threads={args.threads}")
-    print(f"{'operation':32} {'type':8} {'shape':12} {'median ms':>10}")
-    for op, t, shape, ms in rows:
-        print(f"{op:32} {t:8} {shape:12} {ms:10.2f}")
+    rows = [r + (None, None) for r in rows]
+    composites(args, rng, rows)
+    print_rows(args, rows)
+
+
+def print_rows(args, rows):
+    print(f"# threads={args.threads}; median ms; lyn timed right after the peer on the same input")
+    print(f"{'operation':40} {'type':8} {'shape':12} {'peer ms':>10} {'lyn ms':>10} {'peer/lyn':>9}  same bits")
+    for op, t, shape, ms, lyn_ms, same in rows:
+        peer = f"{ms:10.2f}" if ms is not None else f"{'':10}"
+        mine = f"{lyn_ms:10.2f}" if lyn_ms is not None else f"{'':10}"
+        ratio = f"{ms / lyn_ms:9.2f}" if ms is not None and lyn_ms is not None else f"{'':9}"
+        print(f"{op:40} {t:8} {shape:12} {peer} {mine} {ratio}  {'' if same is None else same}")
 
 
 if __name__ == "__main__":
