@@ -34,6 +34,7 @@
 #include "host/Measurement.h"
 #include "host/PluginLoader.h"
 #include "host/PrivateImplementation.h"
+#include "host/Settings.h"
 #include "host/Shapes.h"
 #include "host/TemporaryImage.h"
 #include "host/generic/Generic.h"
@@ -288,9 +289,20 @@ struct MorphCase {
     unsigned passes;
     Impl impl;
     Pattern pattern = Pattern::Range;
+    bool plainPasses = false;  // generic code without the box: every pass one after the other
 };
 
 void benchMorph(benchmark::State& st, MorphCase c, bool warmUp) {
+    // The setting is read at each run; it is restored however the benchmark ends.
+    struct Plain {
+        bool on;
+        explicit Plain(bool p) : on(p) {
+            if (on) lyn::globalSettings()->setValue("LYN_GENERIC_BOX", "0");
+        }
+        ~Plain() {
+            if (on) lyn::globalSettings()->unsetValue("LYN_GENERIC_BOX");
+        }
+    } plain(c.plainPasses);
     guarded(st, [&] {
         const MemoryImage& in = pool().input(c.type, c.shape, c.pattern);
         MemoryImage& out = pool().scratch(c.type, c.shape);
@@ -436,6 +448,32 @@ void registerMorph3d() {
             reg(std::string("morph3d/") + t.name + "/dilate-" + (nb == 1 ? "18" : "26") + "-x1-specials/plugin",
                 [c](benchmark::State& st) { benchMorph(st, c, true); });
         }
+}
+
+// Many square or cube passes in the host beside one plug-in pass (registered with the morph2d and
+// morph3d groups): the generic box, the generic code pass after pass, and the plug-in's passes
+// within its limits.
+void registerBox() {
+    for (const TypeInfo& t : {TypeInfo{lyn::UInt8, "uint8"}, TypeInfo{lyn::Float, "float32"}}) {
+        const std::string name = std::string("morph2d/") + t.name + "/dilate-square-x100/";
+        const MorphCase c{t.type, kPlane, 2, true, 1, 100, Impl::Generic};
+        reg(name + "generic", [c](benchmark::State& st) { benchMorph(st, c, true); });
+        if (t.type == lyn::UInt8) {
+            MorphCase p = c;
+            p.plainPasses = true;
+            reg(name + "generic-passes", [p](benchmark::State& st) { benchMorph(st, p, false); })->Iterations(1);
+        }
+    }
+    for (unsigned passes : {3u, 30u}) {
+        const std::string name = "morph3d/uint8/dilate-26-x" + std::to_string(passes) + "/";
+        const MorphCase c{lyn::UInt8, kVolume, 3, true, 2, passes, Impl::Generic};
+        reg(name + "generic", [c](benchmark::State& st) { benchMorph(st, c, true); });
+        if (passes == 30) {
+            MorphCase p = c;
+            p.impl = Impl::Plugin;
+            reg(name + "plugin", [p](benchmark::State& st) { benchMorph(st, p, true); });
+        }
+    }
 }
 
 // Disk, ball and line structuring elements: the fast decompositions (mode 0), the exact offset
@@ -691,6 +729,7 @@ void registerComposites() {
     registerExtrema();
     registerMorph2d();
     registerMorph3d();
+    registerBox();
     registerShapes();
     registerComposites();
     return true;

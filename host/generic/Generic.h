@@ -4,6 +4,7 @@
 // decides which value wins among NaNs and signed zeros).
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <vector>
 
@@ -66,6 +67,43 @@ using StageObserver = std::function<void(const StageStart&)>;
 // Progress is reported to `algo` in equal steps per stage; its cancellation raises ExceptionCancelation.
 void runPasses(BaseAlgorithm& algo, const ImageModel& input, ImageModel& output, const PassList& list, bool dilate,
                const StageObserver& observer = {});
+
+// Several passes of the 8-connected square (26-connected cube) as one box of side 2N + 1: the passes
+// compose into the box clipped to the image, with the border value joining wherever the box leaves
+// the image, and a box is separable. Along rows the extremum of 2N + 1 neighbours comes from shifted
+// copies doubling in reach, log2(2N + 1) + 1 folds per voxel on a row held in cache, which the
+// compiler vectorises; along columns and plans from van Herk/Gil-Werman running extrema over strips
+// of columns, three folds per voxel whatever N. Parallel (TBB) over rows and strips.
+// The box steps aside, having written nothing, when it would not give the passes' bytes (float data
+// holding a NaN, or zeros of both signs: there the fold order decides) or when its buffers would not
+// fit the memory limits; runStage then runs the passes.
+enum class BoxOutcome { Done, NotABox, FoldOrderShows, OverBudget };
+const char* boxOutcomeName(BoxOutcome outcome);
+
+// Progress and cancellation of a box run; both are called from any worker thread.
+class BoxPoll {
+public:
+    virtual ~BoxPoll();
+    // Asked before every row, strip or scanned row: true stops the run with ExceptionCancelation.
+    virtual bool cancelled() = 0;
+    // Rising fraction of the box's work.
+    virtual void progress(double fraction) = 0;
+};
+
+// Whether `stage` is one the box can compute: the square or cube with at least two passes.
+bool isBoxStage(const Stage& stage);
+// Working memory of the box for images of these extents and element size, at most `threads`
+// workers: buffers of each worker's row or strip. Zero when the limits leave no room: the memory
+// stays strictly below `memoryBudget` and, per worker, below 1 MiB or the image's share, whichever
+// is larger.
+std::uint64_t boxWorkingBytes(const Extents& extents, std::size_t elementSize, const Stage& stage, int threads,
+                              std::uint64_t memoryBudget);
+// `source` (the stage's input, possibly `output` itself) through the stage's passes into `output`, of
+// the same type and extents, with the current TBB arena's threads.
+BoxOutcome runBox(const ImageModel& source, ImageModel& output, const Stage& stage, bool dilate,
+                  std::uint64_t memoryBudget, BoxPoll& poll);
+// The setting "LYN_GENERIC_BOX" (default true); false keeps the plain passes, the box's reference.
+bool boxEnabled();
 
 // Voxel by voxel, images of one type and extents, `target` possibly one of the sources: a copy, and
 // minuend - subtrahend saturated at the type's range for integers, IEEE for floats. `step` receives

@@ -3,11 +3,13 @@
 // pass may read and write the same image: everything it still needs was read before being overwritten.
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <vector>
 
 #include "host/PrivateImplementation.h"
 #include "host/View.h"
+#include "host/generic/Fold.h"
 #include "host/generic/Generic.h"
 
 namespace lyn {
@@ -85,14 +87,6 @@ std::array<long, 3> reach(const PassList& list) {
 }
 
 namespace {
-
-// The accumulator comes first: on a tie or a NaN the second operand wins, as the vector
-// instructions of the plug-in do.
-template <bool Dilate, class T>
-inline T f(T acc, T next) {
-    if constexpr (Dilate) return acc > next ? acc : next;
-    else return acc < next ? acc : next;
-}
 
 // How far an operator reaches along each axis, the origin always included.
 struct Reach {
@@ -201,6 +195,18 @@ void runStage(algorithms::AbstractPrivateImplementation& ctx, const ImageModel& 
     using T = typename Traits::type;
     using ViewT = access::View<T, std::allocator<T>>;
     if (!writesOutput(stage)) return;
+    if (isBoxStage(stage) && boxEnabled()) {
+        struct StagePoll : BoxPoll {
+            algorithms::AbstractPrivateImplementation& ctx;
+            explicit StagePoll(algorithms::AbstractPrivateImplementation& c) : ctx(c) {}
+            bool cancelled() override { return ctx.isCancelled(); }
+            void progress(double fraction) override { ctx.reportFraction(fraction); }
+        } poll(ctx);
+        const BaseAlgorithm* owner = ctx.getPublicInterface();
+        const std::uint64_t budget =
+            owner ? owner->getMaximumExtraMemoryUsageInBytes() : std::numeric_limits<std::uint64_t>::max();
+        if (runBox(readsInput ? input : output, output, stage, D, budget, poll) == BoxOutcome::Done) return;
+    }
     const Groups groups = groupsOf(stage);
     auto bc = access::FixedBorderCondition<T>::New(D ? Traits::lowest() : Traits::highest());
     const Extents e = input.extents();

@@ -1,0 +1,332 @@
+// The generic box (several square or cube passes as one separable box) against the plain passes of
+// the generic code, bit for bit: every voxel type, sizes around the vector widths and smaller than
+// the box, single-plan volumes, in place and not, 1 and 2 threads, images in memory and on disk,
+// float data with and without NaN and signed zeros; progress, cancellation checks and memory limits.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <tbb/task_arena.h>
+
+#include "host/Algorithms.h"
+#include "host/DiskImage.h"
+#include "host/Settings.h"
+#include "host/TemporaryImage.h"
+#include "host/generic/Generic.h"
+
+using namespace lyn;
+
+namespace {
+
+const VoxelTypes kAllTypes[] = {UInt8, UInt16, UInt32, UInt64, Int8, Int16, Int32, Int64, Float, Double, Binary, Label};
+constexpr std::uint64_t kHuge = std::uint64_t(1) << 40;
+
+// Floats: Finite mixes infinities and the finite extremes with one sign of zero (where the border
+// value shows); NegativeZeros has only -0.0; Specials adds NaN or +0.0 beside -0.0, where the box
+// must step aside.
+enum class Data { Finite, NegativeZeros, SignedZeros, NaNs };
+
+void fill(ImageModel& image, std::uint64_t seed, Data data) {
+    std::mt19937_64 rng(seed);
+    dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
+        using T = typename decltype(traits)::type;
+        std::vector<T> row(image.getNumOf(Columns));
+        const Extents e = image.extents();
+        for (std::uint64_t q = 0; q < e[1] * e[2] * e[3] * e[4]; ++q) {
+            for (T& v : row) {
+                const std::uint64_t r = rng();
+                if constexpr (std::is_floating_point_v<T>) {
+                    const T specials[] = {std::numeric_limits<T>::infinity(), -std::numeric_limits<T>::infinity(),
+                                          std::numeric_limits<T>::lowest(), std::numeric_limits<T>::max(),
+                                          data == Data::NegativeZeros ? -T(0) : T(0),
+                                          data == Data::NaNs ? std::numeric_limits<T>::quiet_NaN() : T(1),
+                                          data == Data::SignedZeros ? -T(0) : T(2)};
+                    const unsigned pick = unsigned(r % 24);
+                    // Never zero: the zeros above are the only ones.
+                    const T value = T(std::int64_t(r >> 20) % 1000 + 1) / T(8);
+                    v = pick < 7 ? specials[pick] : (r >> 40) & 1 ? value : -value;
+                } else if (decltype(traits)::id == Binary) {
+                    v = T(r & 1);
+                } else {
+                    v = (r & 7) == 0 ? T(r >> 8) : T(std::int64_t(r >> 16) % 23);
+                }
+            }
+            image.writeRaw(row.data(), row.size(), 0, long(q % e[1]), long(q / e[1] % e[2]),
+                           long(q / e[1] / e[2] % e[3]), long(q / e[1] / e[2] / e[3]));
+        }
+    });
+}
+
+std::vector<char> bytesOf(const ImageModel& image) {
+    const std::size_t rowBytes = image.getNumOf(Columns) * helper::getSizeOf(image.getVoxelType());
+    const Extents e = image.extents();
+    std::vector<char> bytes(image.getSizeInBytes());
+    for (std::uint64_t q = 0; q < e[1] * e[2] * e[3] * e[4]; ++q)
+        image.readRaw(bytes.data() + q * rowBytes, e[0], 0, long(q % e[1]), long(q / e[1] % e[2]),
+                      long(q / e[1] / e[2] % e[3]), long(q / e[1] / e[2] / e[3]));
+    return bytes;
+}
+
+void copyInto(const ImageModel& from, ImageModel& to) {
+    const std::vector<char> bytes = bytesOf(from);
+    const std::size_t rowBytes = from.getNumOf(Columns) * helper::getSizeOf(from.getVoxelType());
+    const Extents e = from.extents();
+    for (std::uint64_t q = 0; q < e[1] * e[2] * e[3] * e[4]; ++q)
+        to.writeRaw(bytes.data() + q * rowBytes, e[0], 0, long(q % e[1]), long(q / e[1] % e[2]),
+                    long(q / e[1] / e[2] % e[3]), long(q / e[1] / e[2] / e[3]));
+    to.flushWrites();
+}
+
+// Counts the box's questions and reports; can answer "cancelled" from the n-th question on.
+struct CountingPoll : generic::BoxPoll {
+    std::atomic<long> asked{0};
+    std::atomic<long> cancelFrom{std::numeric_limits<long>::max()};
+    std::atomic<double> highest{0};
+    bool cancelled() override { return asked.fetch_add(1) + 1 >= cancelFrom.load(); }
+    void progress(double fraction) override {
+        double seen = highest.load();
+        while (fraction > seen && !highest.compare_exchange_weak(seen, fraction)) {
+        }
+    }
+};
+
+std::unique_ptr<morphology::SquareMorphology> makeSquare(int dims, bool dilate) {
+    if (dims == 2) {
+        if (dilate) return std::make_unique<morphology::Dilation2d>();
+        return std::make_unique<morphology::Erosion2d>();
+    }
+    if (dilate) return std::make_unique<morphology::Dilation3d>();
+    return std::make_unique<morphology::Erosion3d>();
+}
+
+// The plain N passes of the generic code: the reference.
+void plainPasses(int dims, bool dilate, unsigned passes, const ImageModel& in, ImageModel& out) {
+    globalSettings()->setValue("LYN_GENERIC_BOX", "0");
+    auto algo = makeSquare(dims, dilate);
+    algo->inputImage = &in;
+    algo->outputImage = &out;
+    algo->kernelRadius = passes;
+    algo->neighborhood = dims == 2 ? 1 : 2;
+    algo->setUsePlugin(false);
+    algo->execute();
+    globalSettings()->unsetValue("LYN_GENERIC_BOX");
+}
+
+struct BoxCase {
+    int dims;
+    Extents extents;
+    unsigned passes;
+    bool dilate;
+    bool inPlace;
+    int threads;
+
+    std::string name(VoxelTypes t) const {
+        return std::string(voxelTypeName(t)) + (dilate ? " dilate " : " erode ") + std::to_string(dims) + "D x" +
+               std::to_string(passes) + " " + std::to_string(extents[0]) + "x" + std::to_string(extents[1]) + "x" +
+               std::to_string(extents[2]) + "x" + std::to_string(extents[3]) + (inPlace ? " in place" : "") +
+               " threads=" + std::to_string(threads);
+    }
+};
+
+// Runs the box on `input` (a copy of it in place) and returns the outcome; `out` holds the result.
+generic::BoxOutcome runBox(const BoxCase& c, const ImageModel& input, ImageModel& out, CountingPoll& poll,
+                           std::uint64_t budget = kHuge) {
+    if (c.inPlace) copyInto(input, out);
+    const generic::Stage stage{c.dims == 2 ? generic::Neighbourhood::Square8 : generic::Neighbourhood::TwentySix,
+                               c.passes, {}};
+    tbb::task_arena arena(c.threads);
+    return arena.execute([&] { return generic::runBox(c.inPlace ? out : input, out, stage, c.dilate, budget, poll); });
+}
+
+// Box against plain passes; `expected` says whether the box must run or step aside (then it must
+// leave the output as it was).
+void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expected, std::uint64_t seed) {
+    MemoryImage input(t, c.extents), reference(t, c.extents), out(t, c.extents);
+    fill(input, seed, data);
+    std::memset(out.data(), 0x5a, out.getSizeInBytes());
+    const std::vector<char> before = c.inPlace ? bytesOf(input) : bytesOf(out);
+    plainPasses(c.dims, c.dilate, c.passes, input, reference);
+    CountingPoll poll;
+    const generic::BoxOutcome outcome = runBox(c, input, out, poll);
+    ASSERT_EQ(outcome, expected) << c.name(t) << ": " << generic::boxOutcomeName(outcome);
+    if (outcome == generic::BoxOutcome::Done) {
+        ASSERT_EQ(bytesOf(out), bytesOf(reference)) << c.name(t);
+        EXPECT_EQ(poll.highest.load(), 1.0) << c.name(t);
+    } else {
+        ASSERT_EQ(bytesOf(out), before) << c.name(t) << ": a box that steps aside writes nothing";
+    }
+}
+
+// Passes from 2 to beyond every runner's limit (2D 35/37, 3D 77/132), around and beyond the extents.
+TEST(BoxTest, EqualsThePlainPassesForEveryTypeSizeAndPassCount) {
+    struct Size {
+        int dims;
+        Extents extents;
+    };
+    const Size sizes[] = {
+        {2, {1, 1, 1, 1, 1}},   {2, {3, 2, 1, 1, 1}},   {2, {15, 17, 1, 1, 1}}, {2, {33, 31, 1, 1, 1}},
+        {2, {64, 5, 1, 1, 1}},  {2, {1, 40, 1, 1, 1}},  {2, {17, 6, 3, 1, 1}},  {2, {9, 8, 1, 2, 2}},
+        {3, {1, 1, 1, 1, 1}},   {3, {33, 17, 1, 1, 1}}, {3, {17, 9, 5, 1, 1}},  {3, {4, 3, 40, 1, 1}},
+        {3, {31, 2, 3, 2, 1}},   {2, {1000, 9, 1, 1, 1}},  // strips of whole cache lines and a tail
+    };
+    const unsigned passCounts[] = {2, 3, 7, 36, 38, 78, 133};
+    std::uint64_t seed = 0;
+    for (const Size& s : sizes)
+        for (VoxelTypes t : kAllTypes) {
+            for (unsigned passes : passCounts) {
+                // Every case through both functors; the other axes rotate through the table.
+                const bool inPlace = (seed & 1) != 0;
+                const int threads = 1 + int(seed / 2 % 2);
+                for (bool dilate : {true, false})
+                    check(BoxCase{s.dims, s.extents, passes, dilate, inPlace, threads}, t, Data::Finite,
+                          generic::BoxOutcome::Done, ++seed);
+            }
+        }
+}
+
+TEST(BoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) {
+    struct Row {
+        Data data;
+        generic::BoxOutcome outcome;
+    };
+    const Row rows[] = {{Data::Finite, generic::BoxOutcome::Done},
+                        {Data::NegativeZeros, generic::BoxOutcome::Done},
+                        {Data::SignedZeros, generic::BoxOutcome::FoldOrderShows},
+                        {Data::NaNs, generic::BoxOutcome::FoldOrderShows}};
+    std::uint64_t seed = 100;
+    for (const Row& r : rows)
+        for (VoxelTypes t : {Float, Double})
+            for (int dims : {2, 3})
+                for (bool inPlace : {false, true})
+                    check(BoxCase{dims, {37, 19, dims == 2 ? 1ul : 4ul, 1, 1}, 5, dims == 2, inPlace, 2}, t, r.data,
+                          r.outcome, ++seed);
+}
+
+// A float voxel whose whole box is -inf in a dilation becomes the lowest finite value where the box
+// leaves the image (the border joins), and stays -inf inside: the border is applied per axis.
+TEST(BoxTest, TheBorderJoinsWhereTheBoxLeavesTheImage) {
+    for (int dims : {2, 3}) {
+        const Extents e{12, 11, dims == 2 ? 1ul : 10ul, 1, 1};
+        MemoryImage in(Float, e), box(Float, e), reference(Float, e);
+        std::fill_n(in.dataAs<float>(), in.getNumOfVoxels(), -std::numeric_limits<float>::infinity());
+        plainPasses(dims, true, 3, in, reference);
+        CountingPoll poll;
+        ASSERT_EQ(runBox(BoxCase{dims, e, 3, true, false, 2}, in, box, poll), generic::BoxOutcome::Done);
+        EXPECT_EQ(bytesOf(box), bytesOf(reference));
+        const float centre = box.dataAs<float>()[box.index(5, 5, dims == 2 ? 0 : 5)];
+        const float edge = box.dataAs<float>()[box.index(2, 5, dims == 2 ? 0 : 5)];
+        EXPECT_EQ(centre, -std::numeric_limits<float>::infinity());
+        EXPECT_EQ(edge, std::numeric_limits<float>::lowest());
+    }
+}
+
+// Images whose rows are read and written by calls rather than in place: files on disk.
+TEST(BoxTest, ImagesOnDiskGiveTheSameBytes) {
+    const std::string dir = io::temporaryDirectory();
+    std::uint64_t seed = 200;
+    for (int dims : {2, 3})
+        for (VoxelTypes t : {UInt8, Int16, Float})
+            for (bool inPlace : {false, true}) {
+                const BoxCase c{dims, {70, 33, dims == 2 ? 2ul : 9ul, 1, 1}, 6, true, inPlace, 2};
+                MemoryImage input(t, c.extents), reference(t, c.extents);
+                fill(input, ++seed, Data::Finite);
+                plainPasses(dims, c.dilate, c.passes, input, reference);
+                auto diskIn = DiskImage::createUnnamed(dir, t, c.extents);
+                auto diskOut = DiskImage::createUnnamed(dir, t, c.extents);
+                copyInto(input, *diskIn);
+                CountingPoll poll;
+                ASSERT_EQ(runBox(c, *diskIn, *diskOut, poll), generic::BoxOutcome::Done) << c.name(t);
+                EXPECT_EQ(bytesOf(*diskOut), bytesOf(reference)) << c.name(t) << " on disk";
+            }
+}
+
+// Cancellation is asked before every row and strip (more than once per pass's worth of work: a sweep
+// costs about one pass), and an answer of yes stops the run at the next question.
+TEST(BoxTest, CancellationIsAskedPerRowAndStripAndStopsTheRun) {
+    for (int dims : {2, 3}) {
+        const BoxCase c{dims, {50, 40, dims == 2 ? 1ul : 30ul, 1, 1}, 20, true, false, 2};
+        MemoryImage in(UInt16, c.extents), out(UInt16, c.extents);
+        fill(in, 7, Data::Finite);
+        CountingPoll poll;
+        ASSERT_EQ(runBox(c, in, out, poll), generic::BoxOutcome::Done);
+        const long rows = 40 * (dims == 2 ? 1 : 30);
+        const long strips = dims == 2 ? 1 : 30 + 40;  // one strip of all 50 columns per plan, then per row
+        EXPECT_GE(poll.asked.load(), rows + strips) << dims;
+        EXPECT_GE(poll.asked.load(), long(dims)) << "at least one question per sweep";
+
+        CountingPoll cancel;
+        cancel.cancelFrom = 10;
+        EXPECT_THROW(runBox(c, in, out, cancel), ExceptionCancelation);
+        EXPECT_LE(cancel.asked.load(), 10 + 2) << "each thread stops at its next question";
+    }
+}
+
+// The buffers stay strictly below the budget and within 1 MiB per worker or the image's share;
+// when they cannot, the box steps aside and the algorithm still gives the passes' bytes.
+TEST(BoxTest, MemoryLimitsAndTheAlgorithmPath) {
+    const generic::Stage square{generic::Neighbourhood::Square8, 100, {}};
+    const Extents big{4096, 4096, 1, 1, 1};
+    // Strips narrow to fit the budget, down to one column; below that the box steps aside.
+    for (std::uint64_t budget : {kHuge, std::uint64_t(1) << 20, std::uint64_t(100000), std::uint64_t(30000)}) {
+        const std::uint64_t bytes = generic::boxWorkingBytes(big, 1, square, 2, budget);
+        EXPECT_GT(bytes, 0u) << budget;
+        EXPECT_LT(bytes, budget);
+        EXPECT_LE(bytes, 2u << 20) << "1 MiB per worker";
+    }
+    EXPECT_EQ(generic::boxWorkingBytes(big, 1, square, 2, 10000), 0u);
+    EXPECT_EQ(generic::boxWorkingBytes(big, 1, generic::Stage{generic::Neighbourhood::Square8, 1, {}}, 2, kHuge), 0u);
+    EXPECT_EQ(generic::boxWorkingBytes(big, 1, generic::Stage{generic::Neighbourhood::Cross4, 9, {}}, 2, kHuge), 0u);
+
+    const BoxCase c{2, {40, 30, 1, 1, 1}, 9, false, false, 2};
+    MemoryImage in(Int32, c.extents), out(Int32, c.extents), reference(Int32, c.extents), viaAlgo(Int32, c.extents);
+    fill(in, 9, Data::Finite);
+    CountingPoll poll;
+    EXPECT_EQ(runBox(c, in, out, poll, 64), generic::BoxOutcome::OverBudget);
+    plainPasses(2, false, 9, in, reference);
+    for (std::uint64_t budget : {std::uint64_t(64), kHuge}) {
+        auto algo = makeSquare(2, false);
+        algo->inputImage = &in;
+        algo->outputImage = &viaAlgo;
+        algo->kernelRadius = 9;
+        algo->setUsePlugin(false);
+        algo->setMaximumExtraMemoryUsageInBytes(budget);
+        algo->execute();
+        EXPECT_EQ(bytesOf(viaAlgo), bytesOf(reference)) << budget;
+    }
+}
+
+// The fast disk's square stage and the fast ball's cube stage go through the box; the decompositions
+// give the same bytes with the box on and off.
+TEST(BoxTest, FastDiskAndBallDecompositionsKeepTheirBytes) {
+    std::uint64_t seed = 300;
+    for (unsigned radius : {4u, 7u, 20u, 30u})
+        for (VoxelTypes t : {UInt8, Int32, Double})
+            for (bool ball : {false, true}) {
+                const Extents e{29, 23, ball ? 11ul : 1ul, 1, 1};
+                MemoryImage in(t, e), on(t, e), off(t, e);
+                fill(in, ++seed, Data::Finite);
+                for (MemoryImage* out : {&on, &off}) {
+                    std::unique_ptr<morphology::RadiusModeMorphology> algo;
+                    if (ball) algo = std::make_unique<morphology::ErosionBall3d>();
+                    else algo = std::make_unique<morphology::DilationDisk2d>();
+                    algo->inputImage = &in;
+                    algo->outputImage = out;
+                    algo->kernelRadius = radius;
+                    algo->setUsePlugin(false);
+                    if (out == &off) globalSettings()->setValue("LYN_GENERIC_BOX", "0");
+                    algo->execute();
+                    globalSettings()->unsetValue("LYN_GENERIC_BOX");
+                }
+                EXPECT_EQ(bytesOf(on), bytesOf(off)) << voxelTypeName(t) << (ball ? " ball " : " disk ") << radius;
+            }
+}
+
+} // namespace
