@@ -214,13 +214,14 @@ def _after_first_progress(action):
     return seen, progress, thread
 
 
-# 600 passes over 128^3 voxels on one thread take far longer than the cancellation needs.
+# 600 passes over 128^3 voxels on one thread take far longer than the cancellation needs. Six-connected:
+# 26-connected passes are one box in the generic code, which would finish first.
 def test_a_cancel_event_set_from_another_thread_stops_the_run():
     cancel = threading.Event()
     seen, progress, thread = _after_first_progress(cancel.set)
     t0 = time.monotonic()
     with pytest.raises(lyn.Cancelled):
-        lyn.dilate(long_volume(), "cube", radius=600, generic=True, threads=1, progress=progress, cancel=cancel)
+        lyn.dilate(long_volume(), "cube", radius=600, connectivity=6, generic=True, threads=1, progress=progress, cancel=cancel)
     thread.join()
     assert time.monotonic() - t0 < 20
     assert seen and seen[-1] < 1.0
@@ -229,7 +230,7 @@ def test_a_cancel_event_set_from_another_thread_stops_the_run():
 def test_keyboard_interrupt_cancels_the_run():
     seen, progress, thread = _after_first_progress(_thread.interrupt_main)
     with pytest.raises(KeyboardInterrupt):
-        lyn.erode(long_volume(), "cube", radius=600, generic=True, threads=1, progress=progress)
+        lyn.erode(long_volume(), "cube", radius=600, connectivity=6, generic=True, threads=1, progress=progress)
     thread.join()
     assert seen and seen[-1] < 1.0
 
@@ -247,7 +248,7 @@ def test_the_gil_is_released_while_computing():
     done, ticks = threading.Event(), [0]
 
     def work():
-        lyn.dilate(volume, "cube", radius=8, generic=True, threads=1)
+        lyn.dilate(volume, "cube", radius=8, connectivity=6, generic=True, threads=1)  # not one box: long enough
         done.set()
 
     t = threading.Thread(target=work)
