@@ -8,6 +8,7 @@ namespace morphology {
 
 void Dilation2dAVX2Runner::run(BaseAlgorithm* algo) const {
     Dilation2d* typed = helper::safe_cast<Dilation2d*>(algo);
+    if (runAsBox(typed, 2)) return;
     tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, Dilation2dAVX2Dispatcher>()(
         typed->inputImage.get()->getVoxelType(), static_cast<SquareMorphology*>(typed));
 }

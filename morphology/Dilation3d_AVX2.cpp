@@ -8,6 +8,7 @@ namespace morphology {
 
 void Dilation3dAVX2Runner::run(BaseAlgorithm* algo) const {
     Dilation3d* typed = helper::safe_cast<Dilation3d*>(algo);
+    if (runAsBox(typed, 3)) return;
     tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, Dilation3dAVX2Dispatcher>()(
         typed->inputImage.get()->getVoxelType(), static_cast<SquareMorphology*>(typed));
 }

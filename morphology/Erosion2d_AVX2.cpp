@@ -8,6 +8,7 @@ namespace morphology {
 
 void Erosion2dAVX2Runner::run(BaseAlgorithm* algo) const {
     Erosion2d* typed = helper::safe_cast<Erosion2d*>(algo);
+    if (runAsBox(typed, 2)) return;
     tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, Erosion2dAVX2Dispatcher>()(
         typed->inputImage.get()->getVoxelType(), static_cast<SquareMorphology*>(typed));
 }

@@ -8,6 +8,7 @@ namespace morphology {
 
 void Erosion3dAVX2Runner::run(BaseAlgorithm* algo) const {
     Erosion3d* typed = helper::safe_cast<Erosion3d*>(algo);
+    if (runAsBox(typed, 3)) return;
     tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, Erosion3dAVX2Dispatcher>()(
         typed->inputImage.get()->getVoxelType(), static_cast<SquareMorphology*>(typed));
 }

@@ -1,5 +1,7 @@
 #include "morphology/Runners.h"
 
+#include "host/generic/Generic.h"
+
 namespace lyn {
 namespace morphology {
 
@@ -16,6 +18,22 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
                 return false;
     }
     return helper::commonAcceptance(t);
+}
+
+bool runAsBox(SquareMorphology* algo, int dimensions) {
+    const generic::Stage stage{generic::neighbourhoodOf(dimensions, algo->neighborhood.get()),
+                               algo->kernelRadius.get(), {}};
+    if (stage.passes < kBoxFromPasses || !generic::isBoxStage(stage) || algo->hasPropertyImageOnDisk() ||
+        !generic::boxEnabled())
+        return false;
+    struct AlgoPoll : generic::BoxPoll {
+        BaseAlgorithm& algo;
+        explicit AlgoPoll(BaseAlgorithm& a) : algo(a) {}
+        bool cancelled() override { return algo.isCancelRequested(); }
+        void progress(double fraction) override { algo.reportProgress(fraction); }
+    } poll(*algo);
+    return generic::runBox(*algo->inputImage.get(), *algo->outputImage.get(), stage, algo->isDilation(),
+                           algo->getMaximumExtraMemoryUsageInBytes(), poll) == generic::BoxOutcome::Done;
 }
 
 const PassLimits Dilation2dAVX2Runner::limits = {{46, 35, -1}};

@@ -18,6 +18,13 @@ struct PassLimits {
 
 bool squareCubeRunnable(BaseAlgorithm* algo, const PassLimits& limits, SquareMorphology* typed);
 
+// From kBoxFromPasses square (cube) passes on, one box of the host's generic code costs less than
+// the passes (docs/performance.md, "Many passes in the host"): a runner lets it serve images in
+// memory, and runs its passes when the box steps aside (float NaN or zeros of both signs, memory
+// budget) or LYN_GENERIC_BOX is false. True when the box served the request.
+constexpr unsigned kBoxFromPasses = 8;
+bool runAsBox(SquareMorphology* algo, int dimensions);
+
 #define LYN_DECLARE_SQUARE_RUNNER(Name)                              \
     class Name : public Runnable {                                   \
     public:                                                          \

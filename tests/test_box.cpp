@@ -17,10 +17,12 @@
 #include <tbb/task_arena.h>
 
 #include "host/Algorithms.h"
+#include "host/Cpu.h"
 #include "host/DiskImage.h"
 #include "host/Settings.h"
 #include "host/TemporaryImage.h"
 #include "host/generic/Generic.h"
+#include "morphology/Runners.h"
 
 using namespace lyn;
 
@@ -327,6 +329,34 @@ TEST(BoxTest, FastDiskAndBallDecompositionsKeepTheirBytes) {
                 }
                 EXPECT_EQ(bytesOf(on), bytesOf(off)) << voxelTypeName(t) << (ball ? " ball " : " disk ") << radius;
             }
+}
+
+// The square and cube runners hand many passes of images in memory to the box, and keep their own
+// passes where it steps aside (NaN) or is switched off: the same bytes every way.
+TEST(BoxTest, RunnersRouteManyPassesToTheBox) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2: the runners' passes cannot run";
+    const morphology::Dilation2dAVX2Runner square;
+    const morphology::Erosion3dAVX2Runner cube;
+    std::uint64_t seed = 400;
+    for (int dims : {2, 3})
+        for (VoxelTypes t : {UInt8, Float})
+            for (Data data : {Data::Finite, Data::NaNs})
+                for (const char* box : {"1", "0"}) {
+                    const Extents e{70, 41, dims == 2 ? 1ul : 12ul, 1, 1};
+                    MemoryImage in(t, e), out(t, e), reference(t, e);
+                    fill(in, ++seed, data);
+                    plainPasses(dims, dims == 2, morphology::kBoxFromPasses, in, reference);
+                    auto algo = makeSquare(dims, dims == 2);
+                    algo->inputImage = &in;
+                    algo->outputImage = &out;
+                    algo->kernelRadius = morphology::kBoxFromPasses;
+                    algo->neighborhood = dims == 2 ? 1 : 2;
+                    globalSettings()->setValue("LYN_GENERIC_BOX", box);
+                    if (dims == 2) square.run(algo.get());
+                    else cube.run(algo.get());
+                    globalSettings()->unsetValue("LYN_GENERIC_BOX");
+                    EXPECT_EQ(bytesOf(out), bytesOf(reference)) << voxelTypeName(t) << " " << dims << "D box=" << box;
+                }
 }
 
 } // namespace
