@@ -23,13 +23,15 @@
 #include "host/TemporaryImage.h"
 #include "host/generic/Generic.h"
 #include "morphology/Runners.h"
+#include "tests/support.h"
 
 using namespace lyn;
+using lyn::test::kHuge;
+using lyn::test::makeSquare;
 
 namespace {
 
 const VoxelTypes kAllTypes[] = {UInt8, UInt16, UInt32, UInt64, Int8, Int16, Int32, Int64, Float, Double, Binary, Label};
-constexpr std::uint64_t kHuge = std::uint64_t(1) << 40;
 
 // Floats: Finite mixes infinities and the finite extremes with one sign of zero (where the border
 // value shows); NegativeZeros has only -0.0; Specials adds NaN or +0.0 beside -0.0, where the box
@@ -99,15 +101,6 @@ struct CountingPoll : generic::BoxPoll {
         }
     }
 };
-
-std::unique_ptr<morphology::SquareMorphology> makeSquare(int dims, bool dilate) {
-    if (dims == 2) {
-        if (dilate) return std::make_unique<morphology::Dilation2d>();
-        return std::make_unique<morphology::Erosion2d>();
-    }
-    if (dilate) return std::make_unique<morphology::Dilation3d>();
-    return std::make_unique<morphology::Erosion3d>();
-}
 
 // The plain N passes of the generic code: the reference.
 void plainPasses(int dims, bool dilate, unsigned passes, const ImageModel& in, ImageModel& out) {
