@@ -156,11 +156,15 @@ void sweepRow(const Rows<T>& src, const Rows<T>& dst, long n, long r, const long
     s.b.resize(std::size_t(length));
     T* a = s.a.data();
     T* b = s.b.data();
-    std::fill_n(a, r, border);
-    const T* row = src.read(0, n, c, a + r);
-    if (row != a + r) std::copy_n(row, n, a + r);
-    std::fill_n(a + r + n, r, border);
-    long p = 1, valid = length;
+    // The first step (reach 1) straight from the row, which is not copied: a[i] folds E[i] and
+    // E[i + 1], E the row padded by r border values at each end (r >= 1).
+    const T* row = src.read(0, n, c, b);
+    std::fill_n(a, r - 1, border);
+    a[r - 1] = f<D>(border, row[0]);
+    foldInto<D>(a + r, row, row + 1, n - 1);
+    a[r + n - 1] = f<D>(row[n - 1], border);
+    std::fill_n(a + r + n, r - 1, border);
+    long p = 2, valid = length - 1;
     for (; 2 * p <= k; p *= 2) {
         foldInto<D>(b, a, a + p, valid - p);
         valid -= p;
