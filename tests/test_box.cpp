@@ -256,6 +256,7 @@ TEST(BoxTest, CancellationIsAskedPerRowAndStripAndStopsTheRun) {
         const long strips = dims == 2 ? 1 : 30 + 40;  // one strip of all 50 columns per plan, then per row
         EXPECT_GE(poll.asked.load(), rows + strips) << dims;
         EXPECT_GE(poll.asked.load(), long(dims)) << "at least one question per sweep";
+        EXPECT_GE(poll.asked.load(), long(c.passes)) << "here also at least one per pass the box replaces";
 
         CountingPoll cancel;
         cancel.cancelFrom = 10;
