@@ -1,10 +1,8 @@
 // One pass of the general-offset kernel for one functor and one dimensionality, over the eight
 // voxel types. CMake compiles this file once per pair (LYN_FUNCTOR, LYN_DIMS), so the disk, line
 // and oriented-disk dispatchers share one instance of each kernel and the four compile in parallel.
-// Integer types go through the run kernel (OffsetRuns.cpp) where it pays; floats keep the list
-// order, which decides where NaN shows.
-#include <type_traits>
-
+// Lists whose runs along x are long enough go through the run kernel (OffsetRuns.cpp), which
+// keeps this kernel's results, floats' NaN and signed zeros included.
 #include "morphology/SquareCubeDispatch.impl.h"
 
 #if !defined(LYN_FUNCTOR) || !defined(LYN_DIMS)
@@ -19,8 +17,7 @@ namespace details {
 template <class Functor, class T>
 void runOffsets2d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
                   std::vector<kernel::Offset2D> offsets) {
-    if constexpr (std::is_integral_v<T>)
-        if (runOffsetRuns2d<Functor, T>(algo, input, output, offsets)) return;
+    if (runOffsetRuns2d<Functor, T>(algo, input, output, offsets)) return;
     using Op = Neighborhood2dToValueSimd<Functor, access::Neighborhood2D_GenTag, std::vector<kernel::Offset2D>>;
     runFilter<RecursiveImageFilter2d<T, T, SimdVec::arch_256_tag, Op>>(algo, input, output, 1, Op(std::move(offsets)),
                                                                        borderValue<Functor, T>());
@@ -31,8 +28,7 @@ void runOffsets2d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* outp
 template <class Functor, class T>
 void runOffsets3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
                   std::vector<kernel::Offset3D> offsets) {
-    if constexpr (std::is_integral_v<T>)
-        if (runOffsetRuns3d<Functor, T>(algo, input, output, offsets)) return;
+    if (runOffsetRuns3d<Functor, T>(algo, input, output, offsets)) return;
     using Op = Neighborhood3dToValueSimd<Functor, access::Neighborhood3D_GenTag, std::vector<kernel::Offset3D>>;
     runFilter<RecursiveImageFilter3d<T, T, SimdVec::arch_256_tag, Op>>(algo, input, output, 1, Op(std::move(offsets)),
                                                                        borderValue<Functor, T>());

@@ -1,5 +1,5 @@
-// The general-offset kernel folded as runs along x (OffsetRuns.h), for the six integer types, one
-// functor and one dimensionality per object as OffsetKernels.cpp.
+// The general-offset kernel folded as runs along x (OffsetRuns.h), one functor and one
+// dimensionality per object as OffsetKernels.cpp.
 #include "morphology/OffsetRuns.h"
 
 #include "Core/private/Filters/RecursiveImageFilters.h"
@@ -52,6 +52,8 @@ LYN_RUNS(unsigned int)
 LYN_RUNS(signed char)
 LYN_RUNS(short)
 LYN_RUNS(int)
+LYN_RUNS(float)
+LYN_RUNS(double)
 
 } // namespace details
 } // namespace morphology

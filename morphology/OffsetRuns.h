@@ -1,6 +1,7 @@
 #pragma once
-// Any offset list folded as runs along x, for voxel types whose fold order cannot show (integers:
-// their minimum and maximum are associative and commutative, floats' are not, because of NaN).
+// Any offset list folded as runs along x, where the fold order cannot show: integers always (their
+// minimum and maximum are associative and commutative), floats for output rows whose input rows
+// hold neither NaN nor -0.0 (OrderFree); other float rows fold the list in order.
 //
 // The list is grouped by row (dy, dz) into runs of consecutive dx. Over a run of length L from a,
 // the fold is G_M(x + a) folded with G_M(x + a + L - M), M the largest power of two <= L, where
@@ -13,13 +14,17 @@
 #include <climits>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include <tbb/enumerable_thread_specific.h>
+
 #include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
 #include "host/Kernel.h"
+#include "morphology/EdgedLoads.h"
 #include "morphology/Functors.h"
 #include "morphology/ScratchRows.h"
 
@@ -137,21 +142,25 @@ public:
         // vectors past the positions that matter; their surplus lanes reach no written voxel.
         const long rowLen = cols + m_runs.maxCol - m_runs.minCol;
         const std::size_t stride = std::size_t((rowLen + 2 * N + N - 1) / N * N);
-        const bool fits = m_runs.scratchRows * stride * sizeof(T) <= kMaxScratchBytes;
-        BlockStorage<T> scratch;
-        if (fits) scratch.resize(m_runs.scratchRows * stride);
+        const std::size_t bytes = m_runs.scratchRows * stride * sizeof(T);
+        const bool fits = bytes <= kMaxScratchBytes;
+        // Per thread and kept: a fresh allocation per block costs a page fault per 4 KiB once it
+        // is large enough to be mapped (measured: a quarter of the float disk r3's time).
+        auto& held = m_scratch->local();
+        if (fits && held.size() < bytes) held.resize(bytes);
+        T* const scratch = reinterpret_cast<T*>(held.data());
         std::vector<long> tags(m_runs.tags);
+        std::vector<char> clean(m_runs.tags);
         std::vector<const T*> source(m_runs.keys.size()), g(m_runs.keys.size()), ptrs;
-        ptrs.reserve(fits ? 2 * m_runs.runs.size() : m_offsets.size());
+        ptrs.reserve(std::max(2 * m_runs.runs.size(), m_offsets.size()));
 
         for (long z = 0; z < plans; ++z) {
             std::fill(tags.begin(), tags.end(), LONG_MIN);
             for (long y = 0; y < rows; ++y) {
                 ptrs.clear();
-                if (fits) {
-                    aimRuns<T, N>(in, y, rowLen, stride, scratch.data(), tags, source, g, ptrs);
-                } else {
-                    // Too wide for the G rows: every offset, in any order.
+                if (!fits || !aimRuns<T, N>(in, y, rowLen, stride, scratch, tags, clean, source, g, ptrs)) {
+                    // Every offset in list order: too wide for the G rows, or a float row that is not order-free.
+                    ptrs.clear();
                     for (std::size_t k = 0; k < m_offsets.size(); ++k) ptrs.push_back(in.ptr(k));
                 }
                 foldRow<T>(ptrs, out.rowData(), cols);
@@ -167,38 +176,63 @@ private:
     static constexpr std::size_t kMaxScratchBytes = std::size_t(32) << 20;
 
     // Builds the G rows of the input rows output row y reads that no earlier row of the plan
-    // built, and lists the operands of row y's fold.
+    // built, and lists the operands of row y's fold. False if one of those rows is not order-free.
     template <class T, long N, class In>
-    void aimRuns(const In& in, long y, long rowLen, std::size_t stride, T* scratch, std::vector<long>& tags,
-                 std::vector<const T*>& source, std::vector<const T*>& g, std::vector<const T*>& ptrs) const {
+    bool aimRuns(const In& in, long y, long rowLen, std::size_t stride, T* scratch, std::vector<long>& tags,
+                 std::vector<char>& clean, std::vector<const T*>& source, std::vector<const T*>& g,
+                 std::vector<const T*>& ptrs) const {
+        constexpr bool kWatch = !std::is_integral_v<T>;
+        bool allClean = true;
         for (std::size_t k = 0; k < m_runs.keys.size(); ++k) {
             const OffsetRuns::Key& key = m_runs.keys[k];
             const OffsetRuns::Band& band = m_runs.bands[key.band];
             source[k] = in.ptr(key.source) - (key.sourceX - m_runs.minCol); // column minCol of the input row
-            if (band.levels == 0) continue;
+            if (!kWatch && band.levels == 0) continue;
             const long inputRow = y + key.dy;
             const std::size_t slot = std::size_t((inputRow - band.minRow) % band.slots());
             T* rowG = scratch + (band.firstRow + slot * band.levels) * stride;
             g[k] = rowG;
             long& tag = tags[band.firstTag + slot];
-            if (tag == inputRow) continue;
-            tag = inputRow;
-            const T* prev = source[k];
-            for (unsigned l = 1; l <= band.levels; ++l) {
-                const long half = 1L << (l - 1), end = rowLen - 2 * half + 1;
-                T* dst = rowG + (l - 1) * stride;
-                for (long p = 0; p < end; p += N)
-                    SimdVec::Ops<T>::store(dst + p, Functor::template step<T>(SimdVec::Ops<T>::load(prev + p),
-                                                                              SimdVec::Ops<T>::load(prev + p + half)));
-                prev = dst;
+            char& rowClean = clean[band.firstTag + slot];
+            if (tag != inputRow) {
+                tag = inputRow;
+                rowClean = !kWatch || orderFree<T, N>(source[k], rowLen);
+                if (rowClean) buildG<T, N>(source[k], rowG, band.levels, rowLen, stride);
             }
+            allClean = allClean && rowClean;
         }
+        if (!allClean) return false;
         for (const OffsetRuns::Run& run : m_runs.runs) {
             const T* base = run.level == 0 ? source[run.key] : g[run.key] + (run.level - 1) * stride;
             const T* p = base + (run.a - m_runs.minCol);
             ptrs.push_back(p);
             const long m = 1L << run.level;
             if (run.length != m) ptrs.push_back(p + (run.length - m));
+        }
+        return true;
+    }
+
+    // Whether the row's rowLen voxels hold neither NaN nor -0.0.
+    template <class T, long N>
+    static bool orderFree(const T* row, long rowLen) {
+        typename OrderFree<T>::Watch watch;
+        long p = 0;
+        for (; p + N <= rowLen; p += N) watch.vec(SimdVec::Ops<T>::load(row + p));
+        for (; p < rowLen; ++p) watch.edges(row[p], row[p]);
+        return watch.clean();
+    }
+
+    // G_2 .. G_2^levels of one input row, from its cached copy.
+    template <class T, long N>
+    static void buildG(const T* source, T* rowG, unsigned levels, long rowLen, std::size_t stride) {
+        const T* prev = source;
+        for (unsigned l = 1; l <= levels; ++l) {
+            const long half = 1L << (l - 1), end = rowLen - 2 * half + 1;
+            T* dst = rowG + (l - 1) * stride;
+            for (long p = 0; p < end; p += N)
+                SimdVec::Ops<T>::store(dst + p, Functor::template step<T>(SimdVec::Ops<T>::load(prev + p),
+                                                                          SimdVec::Ops<T>::load(prev + p + half)));
+            prev = dst;
         }
     }
 
@@ -217,8 +251,11 @@ private:
         }
     }
 
+    using Scratch = tbb::enumerable_thread_specific<std::vector<unsigned char, SimdVec::AlignedAllocator<unsigned char, 32>>>;
+
     std::vector<Offset> m_offsets;
     OffsetRuns m_runs;
+    std::shared_ptr<Scratch> m_scratch = std::make_shared<Scratch>();
 };
 
 } // namespace details

@@ -27,8 +27,8 @@ template <class Functor, class T>
 void runOffsets3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
                   std::vector<kernel::Offset3D> offsets);
 
-// The same pass folded as runs along x (OffsetRuns.cpp), for the six integer types only: false,
-// having run nothing, when the list's runs are too short to pay.
+// The same pass, same results, folded as runs along x (OffsetRuns.cpp): false, having run nothing,
+// when the list's runs are too short to pay.
 template <class Functor, class T>
 bool runOffsetRuns2d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
                      const std::vector<kernel::Offset2D>& offsets);

@@ -222,30 +222,34 @@ TEST_F(SeRunnerTest, LargeRadii) {
 
 // One middle value with, about once in `every` voxels, the type's lowest, its highest or a random
 // value: each output voxel is decided by one or two offsets of the shape, so that a lost or
-// misplaced offset shows. Floats as fill().
+// misplaced offset shows. Floats also get infinities, and NaN and both zeros now and then, so that
+// some rows are order-free and others not.
 Filler sparseExtremes(std::uint64_t every) {
     return [every](MemoryImage& image, std::uint64_t seed) {
         std::mt19937_64 rng(seed);
         dispatchVoxelType(image.getVoxelType(), [&](auto traits) {
             using T = typename decltype(traits)::type;
-            if constexpr (std::is_integral_v<T>) {
-                const T lo = std::numeric_limits<T>::min(), hi = std::numeric_limits<T>::max();
-                const T mid = T(lo / 2 + hi / 2);
-                T* d = image.template dataAs<T>();
-                for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) {
-                    const std::uint64_t r = rng();
-                    d[i] = r % every != 0 ? mid : (r >> 32) % 3 == 0 ? lo : (r >> 32) % 3 == 1 ? hi : T(r >> 40);
-                }
-            } else {
-                fill(image, seed);
+            using L = std::numeric_limits<T>;
+            const T mid = std::is_integral_v<T> ? T(L::lowest() / 2 + L::max() / 2) : T(1.5);
+            const T rare[] = {L::lowest(), L::max(), std::is_integral_v<T> ? L::min() : -L::infinity(),
+                              std::is_integral_v<T> ? L::max() : L::infinity()};
+            const T special[] = {L::quiet_NaN(), T(0), -T(0)};
+            T* d = image.template dataAs<T>();
+            for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) {
+                const std::uint64_t r = rng(), pick = (r >> 32) % 8;
+                if (r % every != 0) d[i] = mid;
+                else if (pick < 4) d[i] = rare[pick];
+                else if (std::is_integral_v<T> || pick < 7) d[i] = T(std::int64_t(r >> 40) - (std::int64_t(1) << 22));
+                else d[i] = special[(r >> 48) % 3];
             }
         });
     };
 }
 
-// Integer exact shapes fold runs of consecutive offsets along x: long horizontal runs, runs of
-// one voxel (steep lines, tilted disks), radii 0..12 and one far beyond the image, widths around
-// the vector and narrower than the shape, single-plan volumes, type extremes.
+// Exact shapes fold runs of consecutive offsets along x where the order cannot show: long
+// horizontal runs, runs of one voxel (steep lines, tilted disks), radii 0..12 and one far beyond
+// the image, widths around the vector and narrower than the shape, single-plan volumes, type
+// extremes, float rows with and without NaN or signed zeros.
 TEST_F(SeRunnerTest, RunsAlongXAgainstGenericCode) {
     struct Row {
         Shape shape;
@@ -264,7 +268,7 @@ TEST_F(SeRunnerTest, RunsAlongXAgainstGenericCode) {
     const Grain grains[] = {{1, 1, 1}, {1, 3, 5}, {2, 7, kHuge}, kOneBlock};
     unsigned step = 0;
     for (const Row& row : rows)
-        for (VoxelTypes t : {UInt8, Int8, UInt16, Int16, UInt32, Int32})
+        for (VoxelTypes t : kServed)
             for (bool dilate : {true, false}) {
                 SeCase c{row.shape, dilate, 1, row.size, row.angle1, row.angle2};
                 const std::uint64_t l = lanes(t), reach = 2 * row.size + 1;
