@@ -2,7 +2,7 @@
 """Hostile end-to-end tests of the lyn tool: signals in every phase, files that lie about their
 size, outputs that change under us, odd names and folders, exact extrema, strict numbers and JSON.
 Usage: test_reliability.py PATH/TO/lyn"""
-import json, os, resource, signal, struct, subprocess, sys, tempfile, time
+import json, os, resource, shutil, signal, struct, subprocess, sys, tempfile, time
 import numpy as np
 
 LYN = os.path.realpath(sys.argv[1])
@@ -160,7 +160,10 @@ def _():
         f.write(tiff_bytes(3, 8, 8, 8, bad_offset_page=2))
     np.save("upper.npy", np.arange(12, dtype=np.uint8).reshape(3, 4))
     os.rename("upper.npy", "UPPER.NPY")
+    # Found by the fuzzer: libtiff opens its first directory but counts none.
+    shutil.copy(os.path.join(os.path.dirname(os.path.abspath(__file__)), "data", "tiff-no-pages.tif"), "nopages.tif")
     for args, expect in ((["folder.npy"], "is a directory"), (["strfortran.npy"], "fortran_order"),
+                         (["nopages.tif"], "has no readable page"),
                          (["tiled.tif"], "is truncated"), (["pages.tif"], "page 2 of 3")):
         rc, _, err, _ = run("extrema", *args)
         check(rc == 2 and expect in err, f"{args}: exit {rc}, {err!r}")

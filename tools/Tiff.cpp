@@ -99,6 +99,8 @@ std::unique_ptr<MemoryImage> readTiff(const std::string& path) {
     if (width == 0 || height == 0) throw InputError(path + ": has a page of " + std::to_string(width) + " x " +
                                                     std::to_string(height) + " pixels");
     const std::uint64_t pages = TIFFNumberOfDirectories(tif.get());
+    // libtiff opened a first directory yet may count none when the chain of directories is broken.
+    if (pages == 0) throw InputError(path + ": has no readable page" + libtiffSays());
     const std::uint64_t pageBytes = std::uint64_t(width) * height * (bits / 8);
 
     // Every page is checked against the file before anything is allocated: same size and type, its
