@@ -107,7 +107,6 @@ void CompositeMorphology::runGeneric() {
 
     // The intermediate image follows the rules of temporary images: on disk when an image is and
     // the setting allows it, else in memory within the extra-memory budget, which the stages then share.
-    RefImpl<io::TemporaryImage> temp;
     std::uint64_t budget = getMaximumExtraMemoryUsageInBytes();
     if (needsIntermediate()) {
         const std::uint64_t bytes = in.getSizeInBytes();
@@ -118,14 +117,24 @@ void CompositeMorphology::runGeneric() {
                                      " bytes, more than the extra memory allowed (" + std::to_string(budget) +
                                      " bytes); raise the memory budget",
                                  "host/CompositeMorphology", __LINE__);
-        temp = io::TemporaryImage::New(onDisk ? io::TemporaryImage::OnDisk : io::TemporaryImage::InMemory);
-        const Extents e = in.extents();
-        if (!temp->reserve(in.getVoxelType(), e[0], e[1], e[2], e[3], e[4]))
-            raise<RuleException>(name + ": the intermediate image " + (onDisk ? "on disk" : "in memory") + " of " +
-                                     std::to_string(bytes) + " bytes cannot be allocated",
-                                 "host/CompositeMorphology", __LINE__);
+        const io::TemporaryImage::LocationMode mode = onDisk ? io::TemporaryImage::OnDisk : io::TemporaryImage::InMemory;
+        const ImageModel* kept = m_intermediate ? m_intermediate->getImageModel() : nullptr;
+        if (!kept || m_intermediate->getLocationMode() != mode || kept->getVoxelType() != in.getVoxelType() ||
+            kept->extents() != in.extents()) {
+            m_intermediate = {};  // the old one goes before the new one is allocated
+            RefImpl<io::TemporaryImage> temp = io::TemporaryImage::New(mode);
+            const Extents e = in.extents();
+            if (!temp->reserve(in.getVoxelType(), e[0], e[1], e[2], e[3], e[4]))
+                raise<RuleException>(name + ": the intermediate image " + (onDisk ? "on disk" : "in memory") +
+                                         " of " + std::to_string(bytes) + " bytes cannot be allocated",
+                                     "host/CompositeMorphology", __LINE__);
+            m_intermediate = temp;
+        }
         if (!onDisk) budget -= bytes;
+    } else {
+        m_intermediate = {};
     }
+    RefImpl<io::TemporaryImage> temp = m_intermediate;
     ImageModel* tmp = temp ? temp->getImageModel() : nullptr;
 
     struct Stage {

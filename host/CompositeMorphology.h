@@ -8,6 +8,7 @@
 
 #include "host/Algorithms.h"
 #include "host/Shapes.h"
+#include "host/TemporaryImage.h"
 
 namespace lyn {
 namespace morphology {
@@ -66,6 +67,11 @@ public:
     bool needsIntermediate() const;
     // The runner of each stage of the last execute() in run order (null: the generic code ran it).
     const std::vector<const Runnable*>& getStageRunners() const { return m_stageRunners; }
+    // The intermediate image is kept from one execute() to the next while its type, extents and
+    // place still fit, so a repeated run does not pay for fresh pages; this frees it at once.
+    void releaseIntermediate() { m_intermediate = {}; }
+    // The intermediate image held now (null: none), for callers that watch memory.
+    const ImageModel* getIntermediate() const { return m_intermediate ? m_intermediate->getImageModel() : nullptr; }
 
 protected:
     explicit CompositeMorphology(Operation op) : m_op(op) {}
@@ -77,6 +83,7 @@ private:
     Operation m_op;
     StageFactory m_factory;
     std::vector<const Runnable*> m_stageRunners;
+    RefImpl<io::TemporaryImage> m_intermediate;
 };
 
 class Opening : public CompositeMorphology {

@@ -275,6 +275,34 @@ TEST_F(CompositeTest, IntermediateImageWithinTheMemoryBudget) {
     }
 }
 
+TEST_F(CompositeTest, TheIntermediateImageIsKeptWhileItFitsAndReplacedWhenNot) {
+    MemoryImage a(UInt16, 64, 32, 4), b(UInt16, 64, 32, 4), wider(UInt16, 65, 32, 4), other(Float, 64, 32, 4);
+    for (MemoryImage* image : {&a, &b, &wider, &other}) fillWholeRange(*image, image->getNumOfVoxels() + image->getVoxelType());
+    const Case c{3, 1, 2, a.extents()};
+    auto algo = composite(CompositeMorphology::Gradient, c);
+    const ImageModel* held = nullptr;
+    // Same type and extents: the same image again; any change of either: a new one of the right size.
+    for (auto [image, same] : {std::pair{&a, false}, std::pair{&b, true}, std::pair{&wider, false},
+                               std::pair{&other, false}, std::pair{&a, false}, std::pair{&a, true}}) {
+        EXPECT_EQ(firstDifference(*run(*algo, *image, false, true), *expected(CompositeMorphology::Gradient, c, *image, true)), "");
+        ASSERT_NE(algo->getIntermediate(), nullptr);
+        // (a new one may reuse the freed one's address, so only sameness is checked)
+        if (same) {
+            EXPECT_EQ(algo->getIntermediate(), held);
+        }
+        EXPECT_EQ(algo->getIntermediate()->extents(), image->extents());
+        held = algo->getIntermediate();
+    }
+    algo->releaseIntermediate();
+    EXPECT_EQ(algo->getIntermediate(), nullptr);
+    // A top-hat beside its input needs none and keeps none.
+    auto tophat = composite(CompositeMorphology::TopHat, c);
+    run(*tophat, a, true, true);
+    EXPECT_NE(tophat->getIntermediate(), nullptr);
+    EXPECT_EQ(firstDifference(*run(*tophat, a, false, true), *expected(CompositeMorphology::TopHat, c, a, true)), "");
+    EXPECT_EQ(tophat->getIntermediate(), nullptr);
+}
+
 struct Recorder : ProgressObserver {
     BaseAlgorithm* algo = nullptr;
     double cancelAt = 2;
