@@ -10,11 +10,15 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <deque>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <new>
 #include <thread>
+
+#include <pthread.h>
 
 #include "host/Algorithms.h"
 #include "host/Cpu.h"
@@ -104,22 +108,23 @@ py::array checkedOutput(const py::object& object, const py::array& input) {
     return out;
 }
 
-// An uninitialised C-contiguous array whose data starts on a 64-byte boundary: the plug-in writes
-// rows that start on a vector boundary with streaming stores, which spare the memory bus the reads
-// that ordinary stores of a large output cost.
+// An uninitialised C-contiguous array in memory the host allocates as it does its own images: on
+// a vector boundary, so the plug-in writes rows with streaming stores (which spare the memory bus
+// the reads ordinary stores of a large output cost), and large ones on 2 MiB boundaries with huge
+// pages advised, so that a pass over them does not miss the TLB every 4 KiB.
 py::array alignedEmpty(const py::dtype& dtype, const std::vector<py::ssize_t>& shape) {
-    constexpr py::ssize_t kAlign = 64;
     py::ssize_t count = 1;
     for (py::ssize_t n : shape) {
         if (n < 0) valueError("shape: extents must not be negative");
         count *= n;
     }
-    const py::ssize_t bytes = count * dtype.itemsize();
-    py::array_t<std::uint8_t> buffer(bytes + kAlign);
-    const auto address = reinterpret_cast<std::uintptr_t>(buffer.data());
-    const py::ssize_t offset = static_cast<py::ssize_t>((kAlign - address % kAlign) % kAlign);
-    py::object slice = buffer[py::slice(offset, offset + bytes, 1)];
-    return slice.attr("view")(dtype).attr("reshape")(py::tuple(py::cast(shape)));
+    const std::uint64_t bytes = static_cast<std::uint64_t>(count * dtype.itemsize());
+    if (bytes == 0) return py::array(dtype, shape);
+    auto block = std::make_unique<MemoryImage>();
+    block->allocate(UInt8, Extents{bytes, 1, 1, 1, 1}, false);
+    void* data = block->data();
+    py::capsule owner(block.release(), [](void* p) { delete static_cast<MemoryImage*>(p); });
+    return py::array(dtype, shape, data, owner);
 }
 
 // Counts voxels; zero when any axis is empty.
@@ -162,7 +167,51 @@ struct PendingError {
     throw py::error_already_set();
 }
 
-// Runs `algo` on a worker thread. The calling thread releases the GIL and wakes every few
+// Threads that run algorithms for calling Python threads, kept between calls: a thread made per
+// call cost its creation and TBB's setup of a new thread on every call. A job waits only while
+// every kept thread is busy, for as long as it takes to start one more.
+class Workers {
+public:
+    static Workers& instance() {
+        static const bool hooked = pthread_atfork(nullptr, nullptr, [] { s_current = new Workers; }) == 0;
+        (void)hooked;
+        if (!s_current) s_current = new Workers;
+        return *s_current;
+    }
+    void submit(std::function<void()> job) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_jobs.push_back(std::move(job));
+        if (m_jobs.size() > m_idle) std::thread([this] { loop(); }).detach();
+        m_ready.notify_one();
+    }
+
+private:
+    // Never destroyed: kept threads still wait on it while the interpreter exits, and a forked
+    // child, which inherits none of them, starts a new set (the old one's lock may be held).
+    static inline Workers* s_current = nullptr;
+
+    void loop() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        for (;;) {
+            ++m_idle;
+            m_ready.wait(lock, [&] { return !m_jobs.empty(); });
+            --m_idle;
+            std::function<void()> job = std::move(m_jobs.front());
+            m_jobs.pop_front();
+            lock.unlock();
+            job();
+            job = nullptr;
+            lock.lock();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_ready;
+    std::deque<std::function<void()>> m_jobs;
+    std::size_t m_idle = 0;
+};
+
+// Runs `algo` on a kept worker thread. The calling thread releases the GIL and wakes every few
 // milliseconds to check for signals (KeyboardInterrupt) and the cancel event and to hand progress
 // to `progress`, so Python code only ever runs on the calling thread, never on the host's workers.
 void execute(BaseAlgorithm& algo, const py::object& progress, const py::object& cancel) {
@@ -178,7 +227,7 @@ void execute(BaseAlgorithm& algo, const py::object& progress, const py::object& 
     double reported = -1.0;
     {
         py::gil_scoped_release release;
-        std::thread worker([&] {
+        Workers::instance().submit([&] {
             try {
                 algo.execute();
             } catch (...) {
@@ -225,7 +274,6 @@ void execute(BaseAlgorithm& algo, const py::object& progress, const py::object& 
             // Repeated until the worker ends: execute() clears the request when it starts.
             if (stopping) algo.cancelExecution();
         }
-        worker.join();
     }
     algo.setProgressObserver(nullptr);
     if (pending.set()) pending.raise();

@@ -266,6 +266,38 @@ def test_the_gil_is_released_while_computing():
     assert inside >= 5, (inside, span[1] - span[0])
 
 
+def test_calls_from_many_threads_at_once_and_from_a_forked_child():
+    # Calls run on threads lyn keeps between calls: four at once need four, and a forked child,
+    # which inherits none of them, must not wait for one forever.
+    import multiprocessing
+
+    images = [random_image((24, 48, 40), t) for t in (np.uint8, np.int16, np.float32, np.float64)]
+    expected = [lyn.dilate(a, "ball", radius=2, threads=1) for a in images]
+    barrier = threading.Barrier(len(images))
+    results = [None] * len(images)
+
+    def call(i):
+        barrier.wait(30)
+        results[i] = lyn.dilate(images[i], "ball", radius=2, threads=2)
+
+    threads = [threading.Thread(target=call, args=(i,)) for i in range(len(images))]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(60)
+    assert all(same_bits(r, e) for r, e in zip(results, expected))
+
+    ctx = multiprocessing.get_context("fork")
+    queue = ctx.Queue()
+    child = ctx.Process(target=lambda: queue.put(lyn.dilate(images[0], "ball", radius=2).tobytes()))
+    child.start()
+    child.join(60)
+    if child.is_alive():
+        child.kill()
+        pytest.fail("a call in a forked child never finished")
+    assert child.exitcode == 0 and queue.get(timeout=5) == expected[0].tobytes()
+
+
 F32_MAX = float(np.finfo(np.float32).max)
 EXTREMA_CASES = [
     (np.array([[3, -7], [5, 2]], np.int8), -7, 5),
