@@ -285,6 +285,16 @@ TEST_F(SeRunnerTest, RunsAlongXAgainstGenericCode) {
                 check(c, t, ++step, sparseExtremes(std::max<std::uint64_t>(every, 3)));
                 if (HasFatalFailure()) return;
             }
+    // Rows too wide for the G rows a thread keeps (32 MiB): a disk of radius 40 holds 81 input rows
+    // of 6 levels each, so 12000 doubles need about 47 MiB and every row folds in list order instead.
+    for (bool dilate : {true, false}) {
+        SeCase c{Shape::Disk2d, dilate, 1, 40, 0, 0};
+        c.extents = Extents{12000, 3, 1, 1, 1};
+        c.grain = kOneBlock;
+        c.threads = 2;
+        c.inPlace = dilate;
+        check(c, Double, ++step, sparseExtremes(81 * 81));
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
