@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -47,9 +48,23 @@ using lyn::VoxelTypes;
 struct Shape {
     std::uint64_t cols, rows, plans;
 };
-constexpr Shape kVolume{512, 512, 256};
+// The default sizes hold 16 to 64 MiB; on a machine whose L3 holds that, memory-bound figures
+// need larger ones: LYN_BENCH_VOLUME and LYN_BENCH_PLANE take COLSxROWSxPLANS and COLSxROWS.
+Shape shapeFromEnv(const char* name, Shape s) {
+    if (const char* v = std::getenv(name)) {
+        unsigned long long c = 0, r = 0, p = 1;
+        const int n = std::sscanf(v, "%llux%llux%llu", &c, &r, &p);
+        if (n < 2 || !c || !r || !p || (s.plans == 1 && n == 3) || (s.plans > 1 && n == 2)) {
+            std::fprintf(stderr, "%s: expected %s, got '%s'\n", name, s.plans == 1 ? "COLSxROWS" : "COLSxROWSxPLANS", v);
+            std::exit(2);
+        }
+        s = {c, r, p};
+    }
+    return s;
+}
+const Shape kVolume = shapeFromEnv("LYN_BENCH_VOLUME", {512, 512, 256});
 constexpr Shape kCube{256, 256, 256};
-constexpr Shape kPlane{4096, 4096, 1};
+const Shape kPlane = shapeFromEnv("LYN_BENCH_PLANE", {4096, 4096, 1});
 
 // Range: values in [10, 200], so no type's whole range is present and extrema scan everything.
 // Early: uint8 in [1, 254] with 0 and 255 as the first two voxels, so a scan may stop at once.
