@@ -1,4 +1,5 @@
 #include "tools/Npy.h"
+#include "host/DiskImage.h"
 #include "tools/Output.h"
 #include "tools/Signals.h"
 
@@ -224,27 +225,7 @@ void writeNpy(OutputFile& out, const ImageModel& image, int axes) {
     const std::string& path = out.path();
     const auto* mem = dynamic_cast<const MemoryImage*>(&image);
     if (!mem) throw std::runtime_error(path + ": only images in memory can be saved as .npy");
-    auto it = std::find_if(std::begin(kCodes), std::end(kCodes),
-                           [&](const TypeCode& c) { return c.type == image.getVoxelType(); });
-    if (it == std::end(kCodes)) throw std::runtime_error(path + ": no NumPy dtype for this voxel type");
-    const Extents e = image.extents();
-    std::string shape;
-    for (int i = axes - 1; i >= 0; --i) shape += std::to_string(e[i]) + ", ";
-    if (axes == 1) shape.pop_back();
-    else shape.erase(shape.size() - 2);
-    std::string dict = std::string("{'descr': '") + (helper::getSizeOf(it->type) == 1 ? "|" : "<") + it->code +
-                       "', 'fortran_order': False, 'shape': (" + shape + "), }";
-    // Pad with spaces so the data starts on a 64-byte boundary, newline last.
-    std::size_t total = 10 + dict.size() + 1;
-    std::size_t padded = (total + 63) / 64 * 64;
-    dict.append(padded - total, ' ');
-    dict.push_back('\n');
-    std::string header = "\x93NUMPY";
-    header.push_back(1);
-    header.push_back(0);
-    header.push_back(static_cast<char>(dict.size() & 0xff));
-    header.push_back(static_cast<char>((dict.size() >> 8) & 0xff));
-    header += dict;
+    const std::string header = npyHeader(image.getVoxelType(), image.extents(), axes);
     const int fd = out.open();
     writeAll(out, fd, header.data(), header.size(), false);
     writeAll(out, fd, static_cast<const char*>(mem->data()), image.getSizeInBytes(), true);
