@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
 # End-to-end tests of the lyn command-line tool against NumPy references.
 # Usage: test_tool.sh PATH/TO/lyn
-# LYN_TEST_STRIDE=K runs every K-th case of the two large tables (the sanitizer stage, where each
-# run of lyn costs a second of loading; the Release stage runs them all).
-# Prints "ok - NAME" or "not ok - NAME" per case, then "N passed, M failed"; fails if M > 0.
 set -uo pipefail  # no -e: a failing command is a test result, not the end of the run
 
 LYN=$(realpath "${1:?usage: test_tool.sh PATH/TO/lyn}")
@@ -13,27 +10,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 
-passed=0
-failed=0
-stride=${LYN_TEST_STRIDE:-1}
-ncase=0
-# sampled: true for every stride-th call.
-sampled() {
-  ncase=$((ncase + 1))
-  [ $((ncase % stride)) -eq 0 ]
-}
-# report NAME STATUS: STATUS 0 passes; on failure the captured stderr is shown as diagnostics.
-report() {
-  if [ "$2" -eq 0 ]; then
-    echo "ok - $1"
-    passed=$((passed + 1))
-  else
-    echo "not ok - $1"
-    failed=$((failed + 1))
-    [ -s err ] && sed 's/^/#   /' err
-  fi
-  return 0
-}
+# shellcheck source=tests/tap.sh
+. "$(dirname "$REF")/tap.sh"
 
 # The NumPy side (inputs, reference results, comparisons) is tests/tool_reference.py.
 "$PY" "$REF" gen || { echo "not ok - generating the inputs"; echo "0 passed, 1 failed"; exit 1; }
@@ -335,5 +313,4 @@ find . -name '*.partial-*' -o -name '.lyn-*' -o -name 'lyn-result-*' >err
 [ ! -s err ]
 report "no temporary files left behind" $?
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+summary

@@ -17,19 +17,8 @@ trap cleanup EXIT
 cd "$work" || exit 1
 mkdir tmp
 
-passed=0
-failed=0
-report() {
-  if [ "$2" -eq 0 ]; then
-    echo "ok - $1"
-    passed=$((passed + 1))
-  else
-    echo "not ok - $1"
-    failed=$((failed + 1))
-    [ -s err ] && sed 's/^/#   /' err
-  fi
-  return 0
-}
+# shellcheck source=tests/tap.sh
+. "$(dirname "$REF")/tap.sh"
 # Nothing in the temporary directory, no partial output anywhere.
 clean() { [ -z "$(ls -A tmp)" ] && [ -z "$(find . -name '*.partial-*')" ]; }
 
@@ -140,5 +129,4 @@ rc=$?
 [ $rc -eq 130 ] && [ ! -e big-out.npy ] && clean
 report "SIGINT during an on-disk dilation: exit 130, nothing left" $?
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+summary
