@@ -1,5 +1,6 @@
 #include "tools/Signals.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "host/Exceptions.h"
 
@@ -17,6 +19,8 @@ namespace tool {
 namespace {
 std::atomic<BaseAlgorithm*> g_algo{nullptr};
 std::atomic<int> g_signal{0};
+// Cancellations in progress: the algorithm is not released while one may still touch it.
+std::atomic<int> g_cancelling{0};
 
 // Paths a second signal removes: fixed storage, since the handler may not allocate.
 constexpr int kSlots = 8;
@@ -34,7 +38,9 @@ extern "C" void onSignal(int sig) {
         ::_exit(130);
     }
     // cancelExecution only stores an atomic flag: safe in a signal handler.
+    g_cancelling.fetch_add(1);
     if (BaseAlgorithm* a = g_algo.load()) a->cancelExecution();
+    g_cancelling.fetch_sub(1);
 }
 } // namespace
 
@@ -43,6 +49,20 @@ void installSignalHandlers() {
     sa.sa_handler = onSignal;
     sigemptyset(&sa.sa_mask);
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    // Every thread started from here on (the thread pool's included) inherits a mask that blocks
+    // them, and one thread waits for them: a signal is then handled at once, whatever the other
+    // threads do. A handler run on a pool thread asleep in a raw futex wait may otherwise wait as
+    // long as that thread sleeps (ThreadSanitizer defers it so).
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return;  // the handlers above still serve
+    std::thread([set] {
+        for (;;) {
+            int sig = 0;
+            if (sigwait(&set, &sig) == 0) onSignal(sig);
+        }
+    }).detach();
 }
 
 bool signalled() { return g_signal.load() != 0; }
@@ -53,7 +73,11 @@ CancelOnSignal::CancelOnSignal(BaseAlgorithm& algo) {
     if (signalled()) algo.cancelExecution();
 }
 
-CancelOnSignal::~CancelOnSignal() { g_algo.store(nullptr); }
+CancelOnSignal::~CancelOnSignal() {
+    g_algo.store(nullptr);
+    // The signal thread may have taken the pointer just before: the algorithm outlives this object.
+    while (g_cancelling.load() != 0) std::this_thread::yield();
+}
 
 TemporaryPath::TemporaryPath(const std::string& path) : m_slot(-1) {
     if (path.size() >= kPathMax) return;
