@@ -1,7 +1,10 @@
-// Disk and ball approximated by chained passes of the square and cube kernels: each stage is a
-// recursive filter run as one progress step of a private implementation built on the algorithm,
-// so progress, cancellation and the memory budget are the algorithm's. A stage after the first
-// reads the output, which holds what the earlier stages made.
+// Disk and ball approximated by chained passes of the square and cube kernels: each stage is one
+// progress step of a private implementation built on the algorithm, so progress, cancellation and
+// the memory budget are the algorithm's. A stage after the first reads what the earlier ones made.
+#include <functional>
+#include <utility>
+
+#include "host/TemporaryImage.h"
 #include "morphology/StructuringElementDispatchers.h"
 
 namespace lyn {
@@ -17,6 +20,72 @@ public:
     }
     void run() override {}
 };
+
+// A stage whose passes run one by one as its children.
+class ChainStage : public algorithms::AbstractPrivateImplementation {
+public:
+    ChainStage(std::uint64_t passes, std::function<void(ChainStage*)> body)
+        : AbstractPrivateImplementation(nullptr), m_body(std::move(body)) {
+        m_nbSteps.store(passes);
+    }
+    void run() override { m_body(this); }
+
+private:
+    std::function<void(ChainStage*)> m_body;
+};
+
+// (neighbourhood, passes) in run order; stages of no pass are skipped.
+using Stages = std::vector<std::pair<int, unsigned long>>;
+
+// Runs the stages from input to output. When the images are in memory and one temporary image fits
+// the budget, every pass reads one image and writes the other (output and temporary in turn, the
+// last pass landing in the output): no pass runs in place, whose kernels save and move rows, and
+// one temporary serves every stage instead of one fresh per stage. Otherwise each stage runs as
+// the recursive filter decides: in place on the output, with its own temporary for several passes.
+template <class Functor, int Dims, class T>
+void runStages(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output, const Stages& stages) {
+    std::uint64_t steps = 0, total = 0;
+    for (const auto& stage : stages) {
+        steps += stage.second != 0;
+        total += stage.second;
+    }
+    Decomposition impl(algo, steps);
+    RefImpl<io::TemporaryImage> temp;
+    // In place, the first pass must not write the input while later rows still read it: only an
+    // even count, whose first pass goes to the temporary image, can start there.
+    const bool inPlace = input == output;
+    if (total >= 2 && !(inPlace && total % 2 == 1) && !algo->hasPropertyImageOnDisk() &&
+        output->getSizeInBytes() < algo->getMaximumExtraMemoryUsageInBytes()) {
+        temp = io::TemporaryImage::New(io::TemporaryImage::InMemory);
+        const Extents e = output->extents();
+        if (!temp->reserve(output->getVoxelType(), e[0], e[1], e[2], e[3], e[4])) temp = {};
+    }
+    if (!temp) {
+        bool first = true;
+        for (const auto& [n, passes] : stages) {
+            if (!passes) continue;
+            runSquareCubeStage<Functor, Dims, T>(&impl, n, first ? input : output, output, passes);
+            first = false;
+        }
+        return;
+    }
+    ImageModel* const other = temp->getImageModel();
+    bool toTemp = total % 2 == 0;  // so that the last pass lands in the output
+    const ImageModel* source = input;
+    for (const auto& [n, passes] : stages) {
+        if (!passes) continue;
+        const int neighbourhood = n;
+        ChainStage stage(passes, [&, neighbourhood, passes = passes](ChainStage* self) {
+            for (unsigned long i = 0; i < passes; ++i) {
+                ImageModel* target = toTemp ? other : output;
+                runSquareCubeStage<Functor, Dims, T>(self, neighbourhood, source, target, 1);
+                source = target;
+                toTemp = !toTemp;
+            }
+        });
+        impl.runChildAlgo(&stage);
+    }
+}
 } // namespace
 
 DiskPasses diskPasses(std::uint32_t radius) {
@@ -37,9 +106,7 @@ template <class Functor, class Arch, class T>
 void FastMorphoDisk2DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uint32_t radius, ImageModel* output) {
     const DiskPasses p = diskPasses(radius);
     if (radius > 1) {
-        Decomposition impl(algo, 2);
-        runSquareCubeStage<Functor, 2, T>(&impl, 1, input, output, p.square);
-        runSquareCubeStage<Functor, 2, T>(&impl, 0, output, output, p.cross);
+        runStages<Functor, 2, T>(algo, input, output, {{1, p.square}, {0, p.cross}});
     } else {
         // Zero passes leave the output untouched: no copy of the input is made.
         Decomposition impl(algo, 1);
@@ -51,10 +118,13 @@ void FastMorphoDisk2DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uin
 template <class Functor, class Arch, class T>
 void FastMorphoBall3DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uint32_t radius, ImageModel* output) {
     const BallPasses p = ballPasses(radius);
-    Decomposition impl(algo, 1 + (p.six != 0) + (p.eighteen != 0));
-    if (p.six) runSquareCubeStage<Functor, 3, T>(&impl, 0, input, output, p.six);
-    if (p.eighteen) runSquareCubeStage<Functor, 3, T>(&impl, 1, p.six ? output : input, output, p.eighteen);
-    runSquareCubeStage<Functor, 3, T>(&impl, 2, (p.six || p.eighteen) ? output : input, output, p.twentySix);
+    if (p.twentySix == 0) {
+        // Radius 0: zero passes leave the output untouched, as for the disk.
+        Decomposition impl(algo, 1);
+        runSquareCubeStage<Functor, 3, T>(&impl, 2, input, output, 0);
+        return;
+    }
+    runStages<Functor, 3, T>(algo, input, output, {{0, p.six}, {1, p.eighteen}, {2, p.twentySix}});
 }
 
 #define LYN_FAST(Functor, T)                                                                                        \

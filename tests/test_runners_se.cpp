@@ -360,11 +360,14 @@ TEST_F(SeRunnerTest, CancellationInTheFirstStageStopsTheLaterOnes) {
             algo->cancelExecution();
         }
     };
+    // Budget 0: the stages run in place and the first pass writes the output; otherwise every pass
+    // goes between the output and one temporary image, the first (of four) to the temporary.
+    for (std::uint64_t budget : {std::uint64_t(0), kHuge})
     for (Shape shape : {Shape::Disk2d, Shape::Ball3d}) {
         SeCase c{shape, true, 0, 4};  // disk: 2 square then 2 cross passes; ball: 2, 1, 1
         c.extents = shape == Shape::Disk2d ? Extents{300, 400, 1, 1, 1} : Extents{40, 30, 60, 1, 1};
         c.grain = {1, 1, kHuge};
-        c.budget = 0;  // in place: the first pass writes the output
+        c.budget = budget;
         MemoryImage input(Float, c.extents);
         fill(input, 4);
         auto algo = makeAlgorithm(shape, true);
