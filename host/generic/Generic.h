@@ -11,17 +11,16 @@
 #include "host/Algorithms.h"
 #include "host/Kernel.h"
 #include "host/PrivateImplementation.h"
+#include "host/Neighbourhood.h"
 
 namespace lyn {
 namespace generic {
 
-// The elementary operators: the fixed 3x3 (3x3x3) neighbourhoods, and explicit offset lists folded
-// in list order, plan by plan (Offsets2D) or across plans (Offsets3D).
-enum class Neighbourhood { Cross4, Square8, Six, Eighteen, TwentySix, Offsets2D, Offsets3D };
-
-// Neighbourhood of a square/cube algorithm from its dimension and property value.
-Neighbourhood neighbourhoodOf(int dimensions, int value);
-const char* neighbourhoodName(Neighbourhood n);
+// The elementary operators (host/Neighbourhood.h): the fixed 3x3 (3x3x3) neighbourhoods, and
+// explicit offset lists folded in list order, plan by plan (Offsets2D) or across plans (Offsets3D).
+using lyn::Neighbourhood;
+using lyn::neighbourhoodOf;
+using lyn::neighbourhoodName;
 // Whether the operator reaches across plans (else a volume is processed plan by plan).
 bool reachesAcrossPlans(Neighbourhood n);
 

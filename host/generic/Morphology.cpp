@@ -15,26 +15,6 @@
 namespace lyn {
 namespace generic {
 
-Neighbourhood neighbourhoodOf(int dimensions, int value) {
-    if (dimensions == 2) return value == 0 ? Neighbourhood::Cross4 : Neighbourhood::Square8;
-    if (value == 0) return Neighbourhood::Six;
-    if (value == 1) return Neighbourhood::Eighteen;
-    return Neighbourhood::TwentySix;
-}
-
-const char* neighbourhoodName(Neighbourhood n) {
-    switch (n) {
-    case Neighbourhood::Cross4: return "4-connected";
-    case Neighbourhood::Square8: return "8-connected";
-    case Neighbourhood::Six: return "6-connected";
-    case Neighbourhood::Eighteen: return "18-connected";
-    case Neighbourhood::TwentySix: return "26-connected";
-    case Neighbourhood::Offsets2D: return "2D offsets";
-    case Neighbourhood::Offsets3D: return "3D offsets";
-    }
-    return "?";
-}
-
 bool reachesAcrossPlans(Neighbourhood n) {
     return n == Neighbourhood::Six || n == Neighbourhood::Eighteen || n == Neighbourhood::TwentySix ||
            n == Neighbourhood::Offsets3D;
@@ -140,14 +120,14 @@ Groups groupsOf(const Stage& stage) {
         for (long dy = -1; dy <= 1; ++dy) g.push_back({{-1, dy, 0}, {0, dy, 0}, {1, dy, 0}});
         return g;
     }
-    case Neighbourhood::Six:
-        return {{{0, 0, -1}, {0, -1, 0}, {-1, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+    case Neighbourhood::Six: {
+        Groups g(1);
+        for (const auto& o : kOffsets6) g[0].push_back({o[2], o[1], o[0]});
+        return g;
+    }
     case Neighbourhood::Eighteen: {
         Groups g(1);
-        for (long dz = -1; dz <= 1; ++dz)
-            for (long dy = -1; dy <= 1; ++dy)
-                for (long dx = -1; dx <= 1; ++dx)
-                    if (std::labs(dx) + std::labs(dy) + std::labs(dz) <= 2) g[0].push_back({dx, dy, dz});
+        for (const auto& o : kOffsets18) g[0].push_back({o[2], o[1], o[0]});
         return g;
     }
     case Neighbourhood::TwentySix: {

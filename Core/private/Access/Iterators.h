@@ -9,6 +9,7 @@
 
 #include "Core/private/Access/Caches.h"
 #include "host/Kernel.h"
+#include "host/Neighbourhood.h"
 
 namespace lyn {
 namespace access {
@@ -350,13 +351,6 @@ private:
     long m_colOffset = 0, m_rowOffset = 0, m_planOffset = 0;
 };
 
-// (plan, row, column) offsets of the 18-neighbourhood, in fold order.
-constexpr int kOffsets18[19][3] = {{-1, -1, 0}, {-1, 0, -1}, {-1, 0, 0}, {-1, 0, 1}, {-1, 1, 0},
-                                   {0, -1, -1}, {0, -1, 0},  {0, -1, 1}, {0, 0, -1}, {0, 0, 0},
-                                   {0, 0, 1},   {0, 1, -1},  {0, 1, 0},  {0, 1, 1},  {1, -1, 0},
-                                   {1, 0, -1},  {1, 0, 0},   {1, 0, 1},  {1, 1, 0}};
-// Back, up, left, centre, right, down, front.
-constexpr int kOffsets6[7][3] = {{-1, 0, 0}, {0, -1, 0}, {0, 0, -1}, {0, 0, 0}, {0, 0, 1}, {0, 1, 0}, {1, 0, 0}};
 } // namespace details
 
 // The 6- or 18-neighbourhood over a band of three plans (rows -1..rows, columns -1..cols).
@@ -390,7 +384,7 @@ private:
     void aim() {
         if (m_s.nbRows == 0) return;
         for (int k = 0; k < Count; ++k) {
-            const int* o = Count == 7 ? details::kOffsets6[k] : details::kOffsets18[k];
+            const int* o = Count == 7 ? kOffsets6[k] : kOffsets18[k];
             m_ptr[k] = m_band.plan(static_cast<unsigned long>(o[0] + 1)).row(static_cast<unsigned long>(m_s.row + 1 + o[1])).data() + 1 + o[2];
         }
     }
