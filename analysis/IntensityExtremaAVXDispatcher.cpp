@@ -12,6 +12,8 @@ void IntensityExtremaAVXDispatcher::run(std::pair<IntensityExtrema*, algorithms:
     algorithms::AbstractPrivateImplementation* impl = args.second;
     IntensityExtremaMsr* result = algo->result.get();
     const int mode = algo->rangeMode.get();
+    const bool perPlan = mode & IntensityExtrema::PerPlan, perSequence = mode & IntensityExtrema::PerSequence,
+               perSpectral = mode & IntensityExtrema::PerSpectral;
     const ImageModel* input = algo->inputImage.get();
     std::uint64_t n[5];
     for (int a = 0; a < 5; ++a) n[a] = input->getNumOf(static_cast<Components>(a));
@@ -27,9 +29,8 @@ void IntensityExtremaAVXDispatcher::run(std::pair<IntensityExtrema*, algorithms:
             for (std::uint64_t c = 0; c < shape[2]; ++c) {
                 using Filter = ImageToQuantificationFilter3d<T, SimdVec::arch_256_tag, IntensityExtremaSIMDGeneric<T>>;
                 Filter filter(nullptr);
-                ImageModelSizeProxy proxy(input, 0, n[0], 0, n[1], (mode & 1) ? a : 0, (mode & 1) ? 1 : n[2],
-                                          (mode & 4) ? b : 0, (mode & 4) ? 1 : n[3], (mode & 2) ? c : 0,
-                                          (mode & 2) ? 1 : n[4]);
+                ImageModelSizeProxy proxy(input, 0, n[0], 0, n[1], perPlan ? a : 0, perPlan ? 1 : n[2], perSequence ? b : 0,
+                                          perSequence ? 1 : n[3], perSpectral ? c : 0, perSpectral ? 1 : n[4]);
                 auto view = Filter::ViewT::New(static_cast<const ImageModel*>(&proxy),
                                                access::ContinueBorderCondition<T>::New());
                 filter.setInputView(view);

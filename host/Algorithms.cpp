@@ -97,9 +97,9 @@ namespace analysis {
 
 object_model::TupleX IntensityExtrema::resultShape(int mode, const ImageModel& image) {
     object_model::TupleX shape(3);
-    shape[0] = (mode & 1) ? image.getNumOf(Plans) : 1;
-    shape[1] = (mode & 4) ? image.getNumOf(Sequence) : 1;
-    shape[2] = (mode & 2) ? image.getNumOf(Spectral) : 1;
+    shape[0] = (mode & PerPlan) ? image.getNumOf(Plans) : 1;
+    shape[1] = (mode & PerSequence) ? image.getNumOf(Sequence) : 1;
+    shape[2] = (mode & PerSpectral) ? image.getNumOf(Spectral) : 1;
     return shape;
 }
 

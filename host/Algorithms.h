@@ -190,9 +190,12 @@ LYN_SE_CLASS(ErosionLine3d, OrientedMorphology3d, false, false)
 namespace analysis {
 
 // Smallest and largest voxel value, for the whole image or per element of the axes that the
-// range mode selects (bit 1: plans, bit 4: axis 3, bit 2: axis 4).
+// range mode's bits select.
 class IntensityExtrema : public BaseAlgorithm {
     LYN_ALGORITHM_CLASS(IntensityExtrema, "lyn::analysis::IntensityExtrema")
+    // Bits of "RangeMode": one result per plan, per spectral series (axis 4), per sequence step (axis 3).
+    enum RangeModeBits : int { PerPlan = 1, PerSpectral = 2, PerSequence = 4 };
+
     Property<const ImageModel*> inputImage{this, "InputImage", nullptr};
     Property<int> rangeMode{this, "RangeMode", 0};
     Property<IntensityExtremaMsr*> result{this, "Result", nullptr};

@@ -271,9 +271,10 @@ int runExtrema(const std::string& input, const std::vector<std::string>& per, bo
     for (std::uint64_t c = 0; c < shape[2]; ++c)
         for (std::uint64_t b = 0; b < shape[1]; ++b)
             for (std::uint64_t a = 0; a < shape[0]; ++a) {
+                using Extrema = analysis::IntensityExtrema;
                 auto idx = [](bool split, std::uint64_t i) { return split ? std::to_string(i) : std::string("*"); };
-                std::printf("%6s %6s %6s %24s %24s\n", idx(mode & 1, a).c_str(), idx(mode & 4, b).c_str(),
-                            idx(mode & 2, c).c_str(), at(mn, a, b, c).c_str(), at(mx, a, b, c).c_str());
+                std::printf("%6s %6s %6s %24s %24s\n", idx(mode & Extrema::PerPlan, a).c_str(), idx(mode & Extrema::PerSequence, b).c_str(),
+                            idx(mode & Extrema::PerSpectral, c).c_str(), at(mn, a, b, c).c_str(), at(mx, a, b, c).c_str());
             }
     return 0;
 }

@@ -32,9 +32,12 @@ void forEachRow(BaseAlgorithm& algo, const ImageModel& image, int mode, std::uin
     if (e[0] == 0) return;
     access::ImageAccess access(&image);
     std::vector<T> row(e[0]);
-    const long p0 = (mode & 1) ? long(a) : 0, p1 = (mode & 1) ? long(a) + 1 : long(e[2]);
-    const long s0 = (mode & 4) ? long(b) : 0, s1 = (mode & 4) ? long(b) + 1 : long(e[3]);
-    const long l0 = (mode & 2) ? long(c) : 0, l1 = (mode & 2) ? long(c) + 1 : long(e[4]);
+    using Extrema = analysis::IntensityExtrema;
+    const bool perPlan = mode & Extrema::PerPlan, perSequence = mode & Extrema::PerSequence,
+               perSpectral = mode & Extrema::PerSpectral;
+    const long p0 = perPlan ? long(a) : 0, p1 = perPlan ? long(a) + 1 : long(e[2]);
+    const long s0 = perSequence ? long(b) : 0, s1 = perSequence ? long(b) + 1 : long(e[3]);
+    const long l0 = perSpectral ? long(c) : 0, l1 = perSpectral ? long(c) + 1 : long(e[4]);
     for (long l = l0; l < l1; ++l)
         for (long s = s0; s < s1; ++s)
             for (long p = p0; p < p1; ++p) {
