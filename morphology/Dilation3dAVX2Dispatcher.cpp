@@ -1,3 +1,3 @@
-#include "morphology/SquareCubeDispatch.impl.h"
+#include "morphology/SquareCubeDispatchers.h"
 
 LYN_INSTANTIATE_SQUARE_DISPATCHER(Dilation3dAVX2Dispatcher, DilationFunctor, 3)

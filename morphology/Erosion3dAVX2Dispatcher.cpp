@@ -1,3 +1,3 @@
-#include "morphology/SquareCubeDispatch.impl.h"
+#include "morphology/SquareCubeDispatchers.h"
 
 LYN_INSTANTIATE_SQUARE_DISPATCHER(Erosion3dAVX2Dispatcher, ErosionFunctor, 3)

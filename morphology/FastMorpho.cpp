@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/TemporaryImage.h"
+#include "morphology/SquareCubeDispatchers.h"
 #include "morphology/StructuringElementDispatchers.h"
 
 namespace lyn {
@@ -35,14 +36,14 @@ private:
 };
 
 // (neighbourhood, passes) in run order; stages of no pass are skipped.
-using Stages = std::vector<std::pair<int, unsigned long>>;
+using Stages = std::vector<std::pair<Neighbourhood, unsigned long>>;
 
 // Runs the stages from input to output. When the images are in memory and one temporary image fits
 // the budget, every pass reads one image and writes the other (output and temporary in turn, the
 // last pass landing in the output): no pass runs in place, whose kernels save and move rows, and
 // one temporary serves every stage instead of one fresh per stage. Otherwise each stage runs as
 // the recursive filter decides: in place on the output, with its own temporary for several passes.
-template <class Functor, int Dims, class T>
+template <class Functor, class T>
 void runStages(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output, const Stages& stages) {
     std::uint64_t steps = 0, total = 0;
     for (const auto& stage : stages) {
@@ -64,7 +65,7 @@ void runStages(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
         bool first = true;
         for (const auto& [n, passes] : stages) {
             if (!passes) continue;
-            runSquareCubeStage<Functor, Dims, T>(&impl, n, first ? input : output, output, passes);
+            runSquareCubeStage<Functor, T>(&impl, n, first ? input : output, output, passes);
             first = false;
         }
         return;
@@ -74,11 +75,11 @@ void runStages(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
     const ImageModel* source = input;
     for (const auto& [n, passes] : stages) {
         if (!passes) continue;
-        const int neighbourhood = n;
+        const Neighbourhood neighbourhood = n;
         ChainStage stage(passes, [&, neighbourhood, passes = passes](ChainStage* self) {
             for (unsigned long i = 0; i < passes; ++i) {
                 ImageModel* target = toTemp ? other : output;
-                runSquareCubeStage<Functor, Dims, T>(self, neighbourhood, source, target, 1);
+                runSquareCubeStage<Functor, T>(self, neighbourhood, source, target, 1);
                 source = target;
                 toTemp = !toTemp;
             }
@@ -106,11 +107,11 @@ template <class Functor, class Arch, class T>
 void FastMorphoDisk2DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uint32_t radius, ImageModel* output) {
     const DiskPasses p = diskPasses(radius);
     if (radius > 1) {
-        runStages<Functor, 2, T>(algo, input, output, {{1, p.square}, {0, p.cross}});
+        runStages<Functor, T>(algo, input, output, {{Neighbourhood::Square8, p.square}, {Neighbourhood::Cross4, p.cross}});
     } else {
         // Zero passes leave the output untouched: no copy of the input is made.
         Decomposition impl(algo, 1);
-        runSquareCubeStage<Functor, 2, T>(&impl, 0, input, output, p.cross);
+        runSquareCubeStage<Functor, T>(&impl, Neighbourhood::Cross4, input, output, p.cross);
     }
 }
 
@@ -121,10 +122,10 @@ void FastMorphoBall3DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uin
     if (p.twentySix == 0) {
         // Radius 0: zero passes leave the output untouched, as for the disk.
         Decomposition impl(algo, 1);
-        runSquareCubeStage<Functor, 3, T>(&impl, 2, input, output, 0);
+        runSquareCubeStage<Functor, T>(&impl, Neighbourhood::TwentySix, input, output, 0);
         return;
     }
-    runStages<Functor, 3, T>(algo, input, output, {{0, p.six}, {1, p.eighteen}, {2, p.twentySix}});
+    runStages<Functor, T>(algo, input, output, {{Neighbourhood::Six, p.six}, {Neighbourhood::Eighteen, p.eighteen}, {Neighbourhood::TwentySix, p.twentySix}});
 }
 
 #define LYN_FAST(Functor, T)                                                                                        \

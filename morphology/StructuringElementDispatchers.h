@@ -36,13 +36,6 @@ template <class Functor, class T>
 bool runOffsetRuns3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
                      const std::vector<kernel::Offset3D>& offsets);
 
-// `passes` passes of the square or cube kernel for `neighbourhood` (read as the square and cube
-// runners read it), run as the current step of `parent`: its progress, cancellation and memory
-// budget apply. Compiled with the square and cube kernels themselves.
-template <class Functor, int Dims, class T>
-void runSquareCubeStage(algorithms::AbstractPrivateImplementation* parent, int neighbourhood,
-                        const ImageModel* input, ImageModel* output, unsigned long passes);
-
 // Disk and ball approximated by chained square (cube) passes (FastMorpho.cpp).
 template <class Functor, class Arch, class T>
 void FastMorphoDisk2DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uint32_t radius, ImageModel* output);
