@@ -13,7 +13,8 @@
 #include "Core/private/Access/DirectRows.h"
 #include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
-#include "morphology/EdgedLoads.h"
+#include "morphology/Across.h"
+#include "morphology/BlockWalk.h"
 #include "morphology/Functors.h"
 #include "morphology/ScratchRows.h"
 

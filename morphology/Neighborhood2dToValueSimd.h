@@ -5,7 +5,7 @@
 
 #include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
-#include "morphology/EdgedLoads.h"
+#include "morphology/BlockWalk.h"
 #include "morphology/Functors.h"
 
 LYN_AVX2_BEGIN

@@ -24,7 +24,7 @@
 #include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/RecursiveImageContext.h"
 #include "host/Kernel.h"
-#include "morphology/EdgedLoads.h"
+#include "morphology/OrderFree.h"
 #include "morphology/Functors.h"
 #include "morphology/ScratchRows.h"
 
