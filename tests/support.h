@@ -81,4 +81,12 @@ inline std::unique_ptr<morphology::SquareMorphology> makeSquare(int dims, bool d
     return std::make_unique<morphology::Erosion3d>();
 }
 
+// An image held in memory that does not expose its layout: algorithms reach its voxels only
+// through row reads and writes, as they would an image kept elsewhere.
+class OpaqueImage : public MemoryImage {
+public:
+    using MemoryImage::MemoryImage;
+    bool getMemoryLayout(MemoryLayout&) const override { return false; }
+};
+
 } // namespace lyn::test

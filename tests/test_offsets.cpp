@@ -1,5 +1,6 @@
-// General offset lists (the structuring elements of disks, balls and lines): the iterators' reach
-// and the generic-offset kernels against a plain scalar fold in list order.
+// Kernel layer, white box. General offset lists (the structuring elements of disks, balls and
+// lines): the iterators' reach and the generic-offset kernels against a plain scalar fold in list
+// order.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -19,6 +19,9 @@
 #include "host/Settings.h"
 #include "tests/support.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 using namespace lyn;
 using namespace lyn::test;
 
@@ -34,10 +37,6 @@ std::size_t runnerCount(const char* cls) {
     AlgoInfo* info = AlgoRegistry::getClassInfo(cls);
     return info ? info->getRunners().size() : 0;
 }
-
-
-
-
 
 struct MorphCase {
     int dims;
@@ -156,64 +155,51 @@ TEST_F(PluginTest, RunnersDeclineBeyondTheirLimitsAndTheGenericCodeServes) {
 
 // ---------------------------------------------------------------------------------------------
 TEST_F(PluginTest, Square2dEveryTypeNeighbourhoodAndPassCount) {
-    for (VoxelTypes t : kServed)
-        for (bool dilate : {true, false})
-            for (int n : {0, 1, 2, -3})
-                for (unsigned passes : {0u, 1u, 2u, 3u, 4u, 30u})
-                    checkMorph({2, dilate, n, passes, {37, 29, 1, 1, 1}, false, kHuge, 2, {1, 4, 8}}, t, passes * 7 + unsigned(n + 3));
+    forAll([](VoxelTypes t, bool dilate, int n, unsigned passes) {
+        checkMorph({2, dilate, n, passes, {37, 29, 1, 1, 1}, false, kHuge, 2, {1, 4, 8}}, t, passes * 7 + unsigned(n + 3));
+    }, kServed, std::array{true, false}, std::array{0, 1, 2, -3}, std::array{0u, 1u, 2u, 3u, 4u, 30u});
 }
 
 TEST_F(PluginTest, Square2dSizesAroundTheVectorWidth) {
     for (VoxelTypes t : kServed) {
-        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
-        for (std::uint64_t w : {std::uint64_t(1), lanes - 1, lanes, lanes + 1, 2 * lanes + 3})
-            for (std::uint64_t h : {std::uint64_t(1), std::uint64_t(2), lanes - 1, lanes + 1})
-                for (int n : {0, 1})
-                    checkMorph({2, (w + h) % 2 == 0, n, 2, {w, h, 1, 1, 1}, false, kHuge, 2, {1, 1, 5}}, t, w * 131 + h);
+        const std::uint64_t l = lanes(t);
+        forAll([&](std::uint64_t w, std::uint64_t h, int n) {
+            checkMorph({2, (w + h) % 2 == 0, n, 2, {w, h, 1, 1, 1}, false, kHuge, 2, {1, 1, 5}}, t, w * 131 + h);
+        }, std::array{std::uint64_t(1), l - 1, l, l + 1, 2 * l + 3}, std::array{std::uint64_t(1), std::uint64_t(2), l - 1, l + 1},
+           std::array{0, 1});
     }
 }
 
 TEST_F(PluginTest, Square2dInPlaceTemporaryImagesThreadsAndBlocks) {
     const Grain grains[] = {{1, 1, 1}, {1, 3, 5}, kDefaultGrain};
-    for (VoxelTypes t : {UInt8, Int16, Float, Double})
-        for (int n : {0, 1})
-            for (bool inPlace : {false, true})
-                for (std::uint64_t budget : {std::uint64_t(0), kHuge})
-                    for (int threads : {1, 2})
-                        for (const Grain& g : grains)
-                            for (unsigned passes : {1u, 3u, 4u})
-                                checkMorph({2, n == 0, n, passes, {71, 53, 2, 1, 1}, inPlace, budget, threads, g}, t,
-                                           passes + unsigned(threads) * 3);
+    forAll([](VoxelTypes t, int n, bool inPlace, std::uint64_t budget, int threads, const Grain& g, unsigned passes) {
+        checkMorph({2, n == 0, n, passes, {71, 53, 2, 1, 1}, inPlace, budget, threads, g}, t, passes + unsigned(threads) * 3);
+    }, std::array{UInt8, Int16, Float, Double}, std::array{0, 1}, std::array{false, true}, std::array{std::uint64_t(0), kHuge},
+       std::array{1, 2}, grains, std::array{1u, 3u, 4u});
 }
 
 TEST_F(PluginTest, Cube3dEveryTypeNeighbourhoodAndPassCount) {
-    for (VoxelTypes t : kServed)
-        for (bool dilate : {true, false})
-            for (int n : {0, 1, 2, 7})
-                for (unsigned passes : {0u, 1u, 2u, 3u, 8u})
-                    checkMorph({3, dilate, n, passes, {13, 11, 9, 1, 1}, false, kHuge, 2, {1, 2, 8}}, t, passes * 11 + unsigned(n));
+    forAll([](VoxelTypes t, bool dilate, int n, unsigned passes) {
+        checkMorph({3, dilate, n, passes, {13, 11, 9, 1, 1}, false, kHuge, 2, {1, 2, 8}}, t, passes * 11 + unsigned(n));
+    }, kServed, std::array{true, false}, std::array{0, 1, 2, 7}, std::array{0u, 1u, 2u, 3u, 8u});
 }
 
 TEST_F(PluginTest, Cube3dSizesAroundTheVectorWidth) {
     for (VoxelTypes t : kServed) {
-        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
-        for (std::uint64_t w : {std::uint64_t(1), lanes - 1, lanes, lanes + 1})
-            for (std::uint64_t h : {std::uint64_t(1), std::uint64_t(3)})
-                for (std::uint64_t p : {std::uint64_t(1), std::uint64_t(2), std::uint64_t(5)})
-                    for (int n : {0, 1, 2})
-                        checkMorph({3, (w + p) % 2 == 1, n, 2, {w, h, p, 1, 1}, false, kHuge, 2, {1, 1, 7}}, t, w + h * 7 + p);
+        const std::uint64_t l = lanes(t);
+        forAll([&](std::uint64_t w, std::uint64_t h, std::uint64_t p, int n) {
+            checkMorph({3, (w + p) % 2 == 1, n, 2, {w, h, p, 1, 1}, false, kHuge, 2, {1, 1, 7}}, t, w + h * 7 + p);
+        }, std::array{std::uint64_t(1), l - 1, l, l + 1}, std::array<std::uint64_t, 2>{1, 3},
+           std::array<std::uint64_t, 3>{1, 2, 5}, std::array{0, 1, 2});
     }
 }
 
 TEST_F(PluginTest, Cube3dInPlaceTemporaryImagesSeriesThreadsAndBlocks) {
     const Grain grains[] = {{1, 1, 1}, {2, 3, 5}, kDefaultGrain};
-    for (VoxelTypes t : {UInt8, Int32, Float, Double})
-        for (int n : {0, 1, 2})
-            for (bool inPlace : {false, true})
-                for (std::uint64_t budget : {std::uint64_t(0), kHuge})
-                    for (int threads : {1, 2})
-                        for (const Grain& g : grains)
-                            checkMorph({3, n != 1, n, 3, {19, 9, 7, 2, 2}, inPlace, budget, threads, g}, t, unsigned(n) * 5 + 1);
+    forAll([](VoxelTypes t, int n, bool inPlace, std::uint64_t budget, int threads, const Grain& g) {
+        checkMorph({3, n != 1, n, 3, {19, 9, 7, 2, 2}, inPlace, budget, threads, g}, t, unsigned(n) * 5 + 1);
+    }, std::array{UInt8, Int32, Float, Double}, std::array{0, 1, 2}, std::array{false, true},
+       std::array{std::uint64_t(0), kHuge}, std::array{1, 2}, grains);
 }
 
 // Passes that do not write their input read its rows in place and complete the first and last
@@ -334,12 +320,11 @@ void checkExtrema(VoxelTypes t, int mode, const Extents& e, const Grain& g, int 
 TEST_F(PluginTest, ExtremaEveryTypeModeShapeAndBlockSize) {
     const Grain grains[] = {{1, 1, 1}, {1, 2, 3}, kDefaultGrain};
     for (VoxelTypes t : kServed) {
-        const std::uint64_t lanes = 32 / helper::getSizeOf(t);
-        const Extents shapes[] = {{1, 1, 1, 1, 1}, {lanes - 1, 3, 2, 1, 1}, {lanes + 1, 5, 4, 3, 2}, {67, 13, 7, 2, 3}};
-        for (int mode = 0; mode < 8; ++mode)
-            for (const Extents& e : shapes)
-                for (const Grain& g : grains)
-                    for (int threads : {1, 2}) checkExtrema(t, mode, e, g, threads, e[0] + std::uint64_t(mode));
+        const std::uint64_t l = lanes(t);
+        const Extents shapes[] = {{1, 1, 1, 1, 1}, {l - 1, 3, 2, 1, 1}, {l + 1, 5, 4, 3, 2}, {67, 13, 7, 2, 3}};
+        forAll([&](int mode, const Extents& e, const Grain& g, int threads) {
+            checkExtrema(t, mode, e, g, threads, e[0] + std::uint64_t(mode));
+        }, std::array{0, 1, 2, 3, 4, 5, 6, 7}, shapes, grains, std::array{1, 2});
     }
 }
 
@@ -446,5 +431,128 @@ TEST_F(PluginTest, CancellationBetweenPassesAndDuringExtrema) {
     x.setProgressObserver(&cancelX);
     EXPECT_THROW(x.execute(), ExceptionCancelation);
 }
+
+// ---------------------------------------------------------------------------------------------
+// An image whose voxels are reachable only through row reads and writes: the kernels cannot read
+// its rows in place nor write output rows straight into it, and take the cached path.
+TEST_F(PluginTest, ImagesWithoutAMemoryLayoutGiveTheSameResults) {
+    forAll([](VoxelTypes t, int dims, int n, unsigned passes) {
+        if (dims == 2 && n == 2) return;
+        const Extents e = dims == 2 ? Extents{lanes(t) * 2 + 3, 9, 2, 1, 1} : Extents{lanes(t) + 3, 6, 5, 1, 1};
+        OpaqueImage input(t, e);
+        fill(input, e[0] + unsigned(n));
+        MemoryImage plain(t, e);
+        std::memcpy(plain.data(), input.data(), input.getSizeInBytes());
+        MemoryImage reference;
+        OpaqueImage out;
+        for (bool plugin : {true, false}) {
+            auto algo = makeSquare(dims, n != 1);
+            algo->inputImage = plugin ? static_cast<const ImageModel*>(&input) : &plain;
+            algo->outputImage = plugin ? static_cast<ImageModel*>(&out) : &reference;
+            algo->neighborhood = n;
+            algo->kernelRadius = passes;
+            algo->setGrainSizes({2, 3, lanes(t) + 1});
+            algo->setUsePlugin(plugin);
+            algo->execute();
+            if (plugin) {
+                ASSERT_NE(algo->getLastRunner(), nullptr);
+            }
+        }
+        ASSERT_TRUE(sameBits(out, reference)) << voxelTypeName(t) << " " << dims << "D n=" << n << " passes=" << passes
+                                              << ": " << firstDifference(out, reference);
+    }, std::array{UInt8, Int16, Float, Double}, std::array{2, 3}, std::array{0, 1, 2}, std::array{1u, 3u});
+}
+
+// Runners hold no state and every run builds its own filter, context and caches: two algorithms
+// run from two host threads at once give what each gives alone.
+TEST_F(PluginTest, TwoAlgorithmsRunFromTwoHostThreadsAtOnce) {
+    MemoryImage a(Float, 67, 41, 23), b(UInt16, 130, 70, 1);
+    fill(a, 11);
+    fill(b, 12);
+    auto runA = [&](MemoryImage& out) {
+        morphology::Dilation3d d;
+        d.inputImage = &a;
+        d.outputImage = &out;
+        d.neighborhood = 2;
+        d.kernelRadius = 3;
+        d.setGrainSizes({1, 4, 16});
+        d.execute();
+        return d.getLastRunner() != nullptr;
+    };
+    auto runB = [&](MemoryImage& out, analysis::IntensityExtremaMsr& msr) {
+        morphology::Erosion2d e;
+        e.inputImage = &b;
+        e.outputImage = &out;
+        e.neighborhood = 1;
+        e.kernelRadius = 4;
+        e.setGrainSizes({1, 3, 40});
+        e.execute();
+        analysis::IntensityExtrema x;
+        x.inputImage = &out;
+        x.result = &msr;
+        x.execute();
+        return e.getLastRunner() != nullptr && x.getLastRunner() != nullptr;
+    };
+    MemoryImage aAlone, bAlone;
+    analysis::IntensityExtremaMsr msrAlone;
+    ASSERT_TRUE(runA(aAlone));
+    ASSERT_TRUE(runB(bAlone, msrAlone));
+    for (int round = 0; round < 3; ++round) {
+        MemoryImage aTogether, bTogether;
+        analysis::IntensityExtremaMsr msrTogether;
+        bool okA = false, okB = false;
+        std::thread first([&] { okA = runA(aTogether); });
+        std::thread second([&] { okB = runB(bTogether, msrTogether); });
+        first.join();
+        second.join();
+        ASSERT_TRUE(okA && okB);
+        ASSERT_TRUE(sameBits(aTogether, aAlone)) << firstDifference(aTogether, aAlone);
+        ASSERT_TRUE(sameBits(bTogether, bAlone)) << firstDifference(bTogether, bAlone);
+        EXPECT_EQ(msrTogether.minimum().at(0), msrAlone.minimum().at(0));
+        EXPECT_EQ(msrTogether.maximum().at(0), msrAlone.maximum().at(0));
+    }
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// A temporary image that cannot be allocated stops the run with the host's rule error and leaves
+// the output as it was. The address-space limit that makes the allocation fail is set in a child
+// process (sanitizers reserve more address space than any such limit allows).
+// Run in a child process: 0 when the run stops with the rule error and the output unchanged.
+int dilateWithTheAddressSpaceNearlyFull() {
+    MemoryImage input(Float, 256, 256, 64), out(Float, 256, 256, 64);  // 16 MiB each
+    fill(input, 3);
+    std::memset(out.data(), 0x5a, out.getSizeInBytes());
+    long pages = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(f, "%ld", &pages) != 1) pages = 0;
+        std::fclose(f);
+    }
+    rlimit limit{};
+    getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = rlim_t(pages) * rlim_t(sysconf(_SC_PAGESIZE)) + (8u << 20);
+    if (setrlimit(RLIMIT_AS, &limit) != 0) return 3;
+    morphology::Dilation3d d;
+    d.inputImage = &input;
+    d.outputImage = &out;
+    d.neighborhood = 2;
+    d.kernelRadius = 2;
+    d.setMaxThreads(1);
+    d.setMaximumExtraMemoryUsageInBytes(kHuge);
+    try {
+        d.execute();
+    } catch (const RuleException& e) {
+        if (std::string(e.what()).find("The temporary in memory image cannot be allocated.") == std::string::npos) return 4;
+        for (std::uint64_t i = 0; i < out.getSizeInBytes(); ++i)
+            if (static_cast<const unsigned char*>(out.data())[i] != 0x5a) return 5;
+        return 0;
+    }
+    return 1;
+}
+
+TEST_F(PluginTest, TemporaryImageThatCannotBeAllocatedStopsTheRunCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::exit(dilateWithTheAddressSpaceNearlyFull()), ::testing::ExitedWithCode(0), "");
+}
+#endif
 
 } // namespace

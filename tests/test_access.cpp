@@ -1,198 +1,23 @@
-// White-box tests of the plug-in's code, linked statically (its runners are not registered here):
-// type dispatch, checked casts, eligibility, blocks, caches and output-row writing.
+// Access and filter layers, white box: blocks, aligned storage, row caches, rows read in place,
+// output-row writing, and the quantification driver.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cmath>
 #include <limits>
+#include <random>
 #include <string>
-#include <typeinfo>
+#include <vector>
 
 #include "Core/private/Access/Caches.h"
 #include "Core/private/Access/DirectRows.h"
 #include "Core/private/Filters/QuantificationFilter.h"
-#include "Core/private/Helper/safe_cast.h"
-#include "Core/private/TmplDispatch/Visitor1Args.h"
-#include "analysis/IntensityExtremaAVX.h"
-#include "host/Cpu.h"
-#include "morphology/Runners.h"
+#include "host/Algorithms.h"
 #include "simd/AlignedAllocator.h"
 
 using namespace lyn;
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-struct RecordingDispatcher {
-    static std::string last;
-    template <class T>
-    static void run(int* calls) {
-        last = typeid(T).name();
-        ++*calls;
-    }
-};
-std::string RecordingDispatcher::last;
-
-TEST(Visitor1ArgsTest, EveryIdReachesItsTypeOrFails) {
-    struct Case {
-        int id;
-        const char* type;  // null: no call
-        bool throws;
-    } cases[] = {{0, typeid(unsigned char).name(), false},  {1, typeid(unsigned short).name(), false},
-                 {2, typeid(unsigned int).name(), false},   {3, nullptr, true},
-                 {4, typeid(signed char).name(), false},    {5, typeid(short).name(), false},
-                 {6, typeid(int).name(), false},            {7, nullptr, true},
-                 {8, typeid(float).name(), false},          {9, typeid(double).name(), false},
-                 {10, nullptr, false},                      {11, nullptr, false},
-                 {12, nullptr, true},                       {1000000, nullptr, true},
-                 {-1, nullptr, true}};
-    tmpl_dispatch::Visitor1Args<tmpl_dispatch::VoxelTypeList, RecordingDispatcher> visit;
-    for (const Case& c : cases) {
-        int calls = 0;
-        RecordingDispatcher::last.clear();
-        if (c.throws) {
-            try {
-                visit(c.id, &calls);
-                ADD_FAILURE() << "id " << c.id << " did not throw";
-            } catch (const RuntimeError& e) {
-                auto info = e.getInfo();
-                EXPECT_EQ(info.message, "Invalid type in Visitor1Args : " + std::to_string(c.id));
-                EXPECT_EQ(info.file, "Core/private/TmplDispatch/Visitor1Args");
-                EXPECT_EQ(info.line, 139);
-            }
-            EXPECT_EQ(calls, 0);
-        } else {
-            EXPECT_NO_THROW(visit(c.id, &calls)) << c.id;
-            EXPECT_EQ(calls, c.type ? 1 : 0) << c.id;
-            if (c.type) {
-                EXPECT_EQ(RecordingDispatcher::last, c.type) << c.id;
-            }
-        }
-    }
-}
-
-TEST(SafeCastTest, NullAndWrongClassRaiseUnexpectedError) {
-    morphology::Dilation2d dilation;
-    BaseAlgorithm* asBase = &dilation;
-    EXPECT_EQ(helper::safe_cast<morphology::Dilation2d*>(asBase), &dilation);
-    const std::string expected = "bad cast when casting PN3lyn13BaseAlgorithmE into PN3lyn8analysis16IntensityExtremaE";
-    for (BaseAlgorithm* p : {static_cast<BaseAlgorithm*>(nullptr), asBase}) {
-        try {
-            helper::safe_cast<analysis::IntensityExtrema*>(p);
-            ADD_FAILURE() << "no exception";
-        } catch (const UnexpectedError& e) {
-            EXPECT_EQ(e.getInfo().message, expected);
-            EXPECT_EQ(e.getInfo().file, "Core/private/Helper/safe_cast");
-            EXPECT_EQ(e.getInfo().line, 17);
-        }
-    }
-}
-
-// ---------------------------------------------------------------------------------------------
-// An image that reports itself as stored on disk.
-class DiskLikeImage : public MemoryImage {
-public:
-    using MemoryImage::MemoryImage;
-    int getStorageType() const override { return 1; }
-};
-
-class LevelGuard {
-public:
-    explicit LevelGuard(int level) { devices::Cpu::overrideAVXLevel(level); }
-    ~LevelGuard() { devices::Cpu::overrideAVXLevel(-1); }
-};
-
-struct NoDispatcher {
-    template <class T, class A>
-    static void run(A*) {}
-};
-
-bool squareAccepts(const Runnable& runner, morphology::SquareMorphology& algo, int neighbourhood, unsigned radius) {
-    algo.neighborhood = neighbourhood;
-    algo.kernelRadius = radius;
-    return runner.isRunnable(&algo);
-}
-
-TEST(EligibilityTest, SquareAndCubeRadiusLimitsPerNeighbourhood) {
-    LevelGuard avx2(2);
-    MemoryImage image(UInt8, 8, 8, 8), out;
-    DiskLikeImage onDisk(UInt8, 8, 8, 8);
-    morphology::Dilation2d d2;
-    morphology::Erosion2d e2;
-    morphology::Dilation3d d3;
-    morphology::Erosion3d e3;
-    morphology::Dilation2dAVX2Runner rd2;
-    morphology::Erosion2dAVX2Runner re2;
-    morphology::Dilation3dAVX2Runner rd3;
-    morphology::Erosion3dAVX2Runner re3;
-    struct Case {
-        const Runnable* runner;
-        morphology::SquareMorphology* algo;
-        int limits[3];  // -1: none
-    } cases[] = {{&rd2, &d2, {46, 35, -1}}, {&re2, &e2, {51, 37, -1}}, {&rd3, &d3, {69, 61, 77}}, {&re3, &e3, {103, 81, 132}}};
-    for (const Case& c : cases) {
-        c.algo->inputImage = &image;
-        c.algo->outputImage = &out;
-        for (int n = 0; n < 3; ++n) {
-            const std::string what = runnerName(c.runner) + " n=" + std::to_string(n);
-            if (c.limits[n] < 0) {
-                EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, n, 1000)) << what;
-                continue;
-            }
-            const unsigned limit = static_cast<unsigned>(c.limits[n]);
-            EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, n, limit)) << what;
-            EXPECT_FALSE(squareAccepts(*c.runner, *c.algo, n, limit + 1)) << what;
-            // The storage query lifts the limits.
-            c.algo->inputImage = &onDisk;
-            EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, n, limit + 1)) << what;
-            c.algo->inputImage = &image;
-        }
-        // Values outside the table have no limit (the 2D runner treats them as 8-connected anyway).
-        EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, 5, 100000));
-        EXPECT_TRUE(squareAccepts(*c.runner, *c.algo, -1, 100000));
-        // A runner only serves its own class.
-        EXPECT_FALSE(c.runner->isRunnable(c.algo == &d2 ? static_cast<BaseAlgorithm*>(&e2) : &d2) &&
-                     c.runner->isRunnable(c.algo == &d2 ? static_cast<BaseAlgorithm*>(&d3) : &d2));
-        EXPECT_EQ(c.runner->getOptimType(), 2);
-    }
-}
-
-TEST(EligibilityTest, TypesAndProcessorLevelDecideForEveryRunner) {
-    morphology::Dilation2d sq;
-    morphology::DilationDisk2d disk;
-    analysis::IntensityExtrema extrema;
-    analysis::IntensityExtremaMsr msr;
-    morphology::Dilation2dAVX2Runner squareRunner;
-    morphology::AVX2OneTypeMinMaxRunner<morphology::DilationDisk2d, NoDispatcher> diskRunner;
-    analysis::IntensityExtremaAVXRunner extremaRunner;
-    sq.kernelRadius = 1;
-    extrema.result = &msr;
-    for (int id = 0; id < kNumVoxelTypes; ++id) {
-        MemoryImage in(static_cast<VoxelTypes>(id), 4, 4), out(static_cast<VoxelTypes>(id), 4, 4);
-        sq.inputImage = &in;
-        sq.outputImage = &out;
-        disk.inputImage = &in;
-        disk.outputImage = &out;
-        extrema.inputImage = &in;
-        const bool served = id != 3 && id != 7 && id != 10 && id != 11;
-        for (int level : {0, 1, 2, 3}) {
-            LevelGuard guard(level);
-            const bool expect = served && level >= 2;
-            EXPECT_EQ(squareRunner.isRunnable(&sq), expect) << id << " level " << level;
-            EXPECT_EQ(diskRunner.isRunnable(&disk), expect) << id << " level " << level;
-            EXPECT_EQ(extremaRunner.isRunnable(&extrema), expect) << id << " level " << level;
-        }
-    }
-    // Structuring-element runners need the output of the input's type.
-    LevelGuard avx2(2);
-    MemoryImage in(UInt8, 4, 4), out(UInt16, 4, 4);
-    disk.inputImage = &in;
-    disk.outputImage = &out;
-    EXPECT_FALSE(diskRunner.isRunnable(&disk));
-    out.allocate(UInt8, {4, 4, 1, 1, 1});
-    EXPECT_TRUE(diskRunner.isRunnable(&disk));
-    EXPECT_FALSE(diskRunner.isRunnable(&sq));
-}
 
 // ---------------------------------------------------------------------------------------------
 TEST(BlockTest, SplittingFollowsTheGrainRules) {
@@ -213,13 +38,6 @@ TEST(BlockTest, SplittingFollowsTheGrainRules) {
     EXPECT_EQ(oddUpper.plansEnd(), 4);
     EXPECT_EQ(oddUpper.getNbPlans(), 1u);
 
-    // Columns split when they hold more grains than rows; ties go to rows.
-    access::Block2d wide(0, 4, 1, 0, 40, 2, 0, 0, 0);
-    access::Block2d wideUpper(wide, tbb::split());
-    EXPECT_EQ(wideUpper.colsBegin(), 20);
-    access::Block2d tie(0, 8, 2, 0, 8, 2, 0, 0, 0);
-    access::Block2d tieUpper(tie, tbb::split());
-    EXPECT_EQ(tieUpper.rowsBegin(), 4);
 
     EXPECT_FALSE(access::Block3d(0, 4, 4, 0, 5, 5, 0, 6, 6, 0, 0).is_divisible());
     EXPECT_TRUE(access::Block3d(0, 4, 4, 0, 6, 5, 0, 6, 6, 0, 0).is_divisible());
@@ -235,6 +53,56 @@ TEST(BlockTest, SplittingFollowsTheGrainRules) {
     EXPECT_EQ(a.rowsBegin(), 4);
     EXPECT_EQ(a.plansEnd(), 5);
     EXPECT_EQ(a.plansBegin(), 6);
+}
+
+// Split as TBB does, down to indivisible blocks: the leaves cover every voxel once, none is empty,
+// none is divisible, and each split takes the dimension with the most grains to spare.
+template <class Block>
+void splitDown(Block& b, std::vector<Block>& leaves) {
+    if (!b.is_divisible()) {
+        leaves.push_back(b);
+        return;
+    }
+    Block upper(b, tbb::split());
+    EXPECT_FALSE(b.empty());
+    EXPECT_FALSE(upper.empty());
+    splitDown(b, leaves);
+    splitDown(upper, leaves);
+}
+
+TEST(BlockTest, SplittingPartitionsTheRegionIntoIndivisibleBlocks) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 40; ++round) {
+        const long np = 1 + long(rng() % 9), nr = 1 + long(rng() % 40), nc = 1 + long(rng() % 70);
+        const unsigned long gp = 1 + rng() % 3, gr = 1 + rng() % 6, gc = 1 + rng() % 17;
+        std::vector<access::Block3d> leaves;
+        access::Block3d whole(0, np, gp, 0, nr, gr, 0, nc, gc, 0, 0);
+        splitDown(whole, leaves);
+        std::vector<int> covered(std::size_t(np * nr * nc), 0);
+        for (const auto& b : leaves) {
+            EXPECT_FALSE(b.is_divisible());
+            for (long z = b.plansBegin(); z < b.plansEnd(); ++z)
+                for (long y = b.rowsBegin(); y < b.rowsEnd(); ++y)
+                    for (long x = b.colsBegin(); x < b.colsEnd(); ++x) ++covered[std::size_t((z * nr + y) * nc + x)];
+        }
+        for (int c : covered) ASSERT_EQ(c, 1) << "round " << round;
+
+        std::vector<access::Block2d> flat;
+        access::Block2d plane(0, nr, gr, 0, nc, gc, 3, 0, 0);
+        splitDown(plane, flat);
+        std::uint64_t voxels = 0;
+        for (const auto& b : flat) {
+            EXPECT_EQ(b.plansBegin(), 3);
+            EXPECT_EQ(b.getNbPlans(), 1u);
+            voxels += b.getNbRows() * b.getNbCols();
+        }
+        EXPECT_EQ(voxels, std::uint64_t(nr * nc));
+    }
+    // The dimension with more grains to spare goes first.
+    access::Block2d wide(0, 4, 1, 0, 40, 2, 0, 0, 0);
+    access::Block2d wideUpper(wide, tbb::split());
+    EXPECT_EQ(wideUpper.getNbRows(), 4u);
+    EXPECT_EQ(wideUpper.getNbCols(), 20u);
 }
 
 // ---------------------------------------------------------------------------------------------
