@@ -2,6 +2,7 @@
 // output-row writing, and the quantification driver.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <limits>
@@ -191,6 +192,34 @@ TEST(DirectRowsTest, EdgesComeFromTheImageOrTheBorder) {
     EXPECT_FALSE(rows.init(*view, whole, 11));
     auto continued = View::New(static_cast<const ImageModel*>(&image), access::ContinueBorderCondition<std::int16_t>::New());
     EXPECT_FALSE(rows.init(*continued, whole, 1));
+}
+
+// The two ways kernels get a row hand them the same voxels: a row read in place with its two edge
+// voxels equals the padded copy the row cache makes (columns -1 to cols), for blocks anywhere in
+// the image and rows and plans up to two outside it, in every image sequence and spectral series.
+TEST(DirectRowsTest, RowsReadInPlaceEqualTheCachedCopies) {
+    using View = access::View<float, SimdVec::AlignedAllocator<float, 32>>;
+    MemoryImage image(Float, 23, 7, 5, 2, 2);
+    std::mt19937 rng(3);
+    for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) image.dataAs<float>()[i] = float(rng() % 1000);
+    auto view = View::New(static_cast<const ImageModel*>(&image), access::FixedBorderCondition<float>::New(-1.5f));
+    auto cache = view->createRowCacheRead(1);
+    for (int round = 0; round < 60; ++round) {
+        const long c0 = long(rng() % 20), c1 = c0 + 1 + long(rng() % (23 - c0 - 1 + 1));
+        const long r0 = long(rng() % 7), p0 = long(rng() % 5), s = long(rng() % 2), l = long(rng() % 2);
+        const access::Block3d block(p0, p0 + 1, 1, r0, r0 + 1, 1, c0, std::min(c1, 23L), 1, s, l);
+        access::DirectRows<View> rows;
+        ASSERT_TRUE(rows.init(*view, block, 1));
+        const long n = long(block.getNbCols());
+        for (long dz = -2; dz <= 2; ++dz)
+            for (long dy = -2; dy <= 2; ++dy) {
+                const access::EdgedRow<float> direct = rows.row(dz, dy);
+                const auto& cached = cache->fetchRowInBlock(0, static_cast<unsigned long>(n + 2), block, -1, dy, dz, 0, 0);
+                ASSERT_EQ(direct.left, cached.data()[0]) << round << " " << dz << " " << dy;
+                ASSERT_EQ(direct.right, cached.data()[n + 1]) << round << " " << dz << " " << dy;
+                for (long x = 0; x < n; ++x) ASSERT_EQ(direct.p[x], cached.data()[x + 1]) << round << " x=" << x;
+            }
+    }
 }
 
 TEST(OutputRowTest, CoreRulesDecideWhatIsWrittenAtOnce) {

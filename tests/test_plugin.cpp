@@ -11,7 +11,9 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "host/Algorithms.h"
 #include "host/Cpu.h"
@@ -461,6 +463,71 @@ TEST_F(PluginTest, ImagesWithoutAMemoryLayoutGiveTheSameResults) {
         ASSERT_TRUE(sameBits(out, reference)) << voxelTypeName(t) << " " << dims << "D n=" << n << " passes=" << passes
                                               << ": " << firstDifference(out, reference);
     }, std::array{UInt8, Int16, Float, Double}, std::array{2, 3}, std::array{0, 1, 2}, std::array{1u, 3u});
+
+    // In place, and the extrema, of such an image.
+    OpaqueImage inPlace(Float, 45, 13, 6);
+    fill(inPlace, 8);
+    MemoryImage plain(Float, 45, 13, 6), reference;
+    std::memcpy(plain.data(), inPlace.data(), inPlace.getSizeInBytes());
+    analysis::IntensityExtremaMsr opaqueMsr, plainMsr;
+    for (bool plugin : {true, false}) {
+        analysis::IntensityExtrema x;
+        x.inputImage = plugin ? static_cast<const ImageModel*>(&inPlace) : &plain;
+        x.result = plugin ? &opaqueMsr : &plainMsr;
+        x.rangeMode = analysis::IntensityExtrema::PerPlan;
+        x.setUsePlugin(plugin);
+        x.execute();
+    }
+    const auto sameValues = [](const std::vector<double>& x, const std::vector<double>& y) {
+        return x.size() == y.size() && std::memcmp(x.data(), y.data(), x.size() * sizeof(double)) == 0;
+    };
+    EXPECT_TRUE(sameValues(opaqueMsr.minimum().values(), plainMsr.minimum().values()));
+    EXPECT_TRUE(sameValues(opaqueMsr.maximum().values(), plainMsr.maximum().values()));
+    for (bool plugin : {true, false}) {
+        morphology::Erosion3d e;
+        e.inputImage = plugin ? static_cast<const ImageModel*>(&inPlace) : &plain;
+        e.outputImage = plugin ? static_cast<ImageModel*>(&inPlace) : &reference;
+        e.neighborhood = 1;
+        e.kernelRadius = 2;
+        e.setGrainSizes({2, 3, 9});
+        e.setUsePlugin(plugin);
+        e.execute();
+    }
+    EXPECT_TRUE(sameBits(inPlace, reference)) << describeDifference(inPlace, reference);
+}
+
+// Progress rises, never falls, and ends at one, whatever splits the work: passes (with a temporary
+// image or in place), plans of a 2D image, series of a 3D one.
+struct ProgressLog : ProgressObserver {
+    std::mutex mutex;
+    std::vector<double> seen;
+    void onProgress(double f) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(f);
+    }
+};
+
+TEST_F(PluginTest, ProgressRisesToOneAcrossPassesPlansAndSeries) {
+    forAll([](int dims, unsigned passes, std::uint64_t budget) {
+        const Extents e = dims == 2 ? Extents{50, 40, 3, 1, 1} : Extents{20, 16, 12, 2, 2};
+        MemoryImage input(UInt16, e), out;
+        fill(input, 4);
+        auto algo = makeSquare(dims, true);
+        algo->inputImage = &input;
+        algo->outputImage = &out;
+        algo->kernelRadius = passes;
+        algo->neighborhood = 1;
+        algo->setMaximumExtraMemoryUsageInBytes(budget);
+        algo->setGrainSizes({1, 2, kHuge});
+        ProgressLog log;
+        algo->setProgressObserver(&log);
+        algo->execute();
+        ASSERT_NE(algo->getLastRunner(), nullptr);
+        ASSERT_FALSE(log.seen.empty());
+        for (std::size_t i = 1; i < log.seen.size(); ++i) ASSERT_LE(log.seen[i - 1], log.seen[i]) << i;
+        EXPECT_EQ(log.seen.back(), 1.0);
+        EXPECT_GE(log.seen.front(), 0.0);
+    }, std::array{2, 3}, std::array{1u, 4u}, std::array{std::uint64_t(0), kHuge});
 }
 
 // Runners hold no state and every run builds its own filter, context and caches: two algorithms
