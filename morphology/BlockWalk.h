@@ -1,7 +1,9 @@
 #pragma once
-// Walks over a block for kernels that read their input rows in place: every output row from the
-// rows around it (walkBlockDirect), and plans order-free until a plan shows the order
-// (walkPlansOrderFreeFirst).
+// Walks over a block for the square and cube kernels: the input rows (read in place or copied, the
+// same EdgedRows either way), the output rows, every output row from the rows around it
+// (walkBlock), and plans order-free until a plan shows the order (walkPlans).
+#include <type_traits>
+
 #include "Core/private/Access/DirectRows.h"
 #include "Core/private/Access/Iterators.h"
 #include "morphology/EdgedRows.h"
@@ -12,53 +14,83 @@ LYN_AVX2_BEGIN
 namespace lyn {
 namespace morphology {
 
-// Walks the plans of a block for a kernel with two ways to compute a plan: plans.orderFree(z, watch)
-// (false when the watch saw NaN or -0.0 in the next input plan) and plans.inOrder(z). Plans go
-// order-free, the block's first watching all three input plans, until one is not: that plan is
-// computed again in order, and so is the rest of the block, since voxels that show the order
-// seldom come alone. Stops after a plan when the group is cancelled.
-template <class T, class Plans, class Out, class Context>
-void walkPlansOrderFreeFirst(long p, const Plans& plans, Out& out, Context& ctx) {
-    bool orderFree = true;
+// Walks the plans of a block for a kernel with two ways to compute a plan: orderFree(z, watch)
+// (false when the watch saw NaN or -0.0 in the next input plan) and inOrder(z). With `mayOrderFree`
+// (see mayGoOrderFree), plans go order-free, the block's first watching all three input plans,
+// until one is not: that plan is computed again in order, and so is the rest of the block, since
+// voxels that show the order seldom come alone. Stops after a plan when the group is cancelled.
+template <class T, class FreeFn, class InOrderFn, class Out, class Context>
+void walkPlans(long p, bool mayOrderFree, const FreeFn& orderFree, const InOrderFn& inOrder, Out& out, Context& ctx) {
+    bool clean = mayOrderFree;
     for (long z = 0; z < p; ++z) {
-        if (orderFree) {
+        if (clean) {
             if (z == 0) {
                 typename OrderFree<T>::WatchAll all;
-                orderFree = plans.orderFree(z, all);
+                clean = orderFree(z, all);
             } else {
                 typename OrderFree<T>::Watch next;
-                orderFree = plans.orderFree(z, next);
+                clean = orderFree(z, next);
             }
-            if (!orderFree) {
+            if (!clean) {
                 out.rewindToPlan(z);
-                plans.inOrder(z);
+                inOrder(z);
             }
         } else {
-            plans.inOrder(z);
+            inOrder(z);
         }
         if (ctx.isGroupCancelled()) return;
     }
 }
 
-// The input rows of a block, read in place; false when the pass writes the image it reads or the
-// input cannot be read in place (see access::DirectRows::init; rows need N + 1 voxels).
-template <class Block, class Context>
-bool openDirectRows(const Block& block, const Context& ctx, access::DirectRows<typename Context::InView>& rows) {
-    return !ctx.isInPlace() && rows.init(*ctx.getInputView(), block, SimdVec::Ops<typename Context::OutType>::N + 1);
+// The output rows of a block. A pass that does not write the image it reads defers nothing, so
+// rows of an output held in memory are computed where they belong; an in-place pass computes rows
+// aside and defers the voxels that neighbouring blocks still read (one voxel deep, one plan deep
+// in 3D). init(block) before use.
+template <class Context>
+using BlockOutput = access::IteratorPixelOutput<typename Context::OutView, SimdVec::Ops<typename Context::OutType>::N>;
+template <class Context>
+BlockOutput<Context> blockOutput(Context& ctx, int planes) {
+    if (!ctx.isInPlace()) return BlockOutput<Context>(ctx.getOutputView(), false, access::OverlapBorder(), true);
+    return BlockOutput<Context>(ctx.getOutputView(), false,
+                                access::OverlapBorder(AlgoBorderInfluence(1, 1, planes > 1 ? 1 : 0, 0, 0)), false);
 }
 
-// The output rows of a pass that reads its input in place: it defers nothing, so rows of an output
-// held in memory are computed where they belong. init(block) before use.
-template <class Context>
-using DirectOutput = access::IteratorPixelOutput<typename Context::OutView, SimdVec::Ops<typename Context::OutType>::N>;
-template <class Context>
-DirectOutput<Context> directOutput(Context& ctx) {
-    return DirectOutput<Context>(ctx.getOutputView(), false, access::OverlapBorder(), true);
+// Calls f(rows, out, stream) for a block that has voxels. rows: its input rows, read in place
+// (access::DirectRows) when the pass does not write the image it reads and the input can be read
+// so (rows need N + 1 voxels), else copied through the calling thread's plan cache
+// (access::PaddedRows, Planes plans at once). out: its output rows (blockOutput). stream: whether
+// to write them with streaming stores: large outputs in memory of a pass that does not read them
+// again, for kernels that ask for it (rows computed aside and then written would be read back from
+// memory).
+template <int Planes, class Block, class Context, class F>
+void withBlock(const Block& block, Context& ctx, bool kernelStreams, F&& f) {
+    if (block.getNbCols() == 0 || block.getNbRows() == 0 || block.getNbPlans() == 0) return;
+    using View = typename Context::InView;
+    auto out = blockOutput(ctx, Planes);
+    out.init(block);
+    MemoryLayout layout;
+    const bool stream = kernelStreams && !ctx.isInPlace() && ctx.streamOutput() && ctx.getOutputView()->writableLayout(layout);
+    access::DirectRows<View> direct;
+    if (!ctx.isInPlace() && direct.init(*ctx.getInputView(), block, SimdVec::Ops<typename Context::OutType>::N + 1))
+        return f(direct, out, stream);
+    auto& cache = ctx.inputPlanCache();
+    if (!cache) ctx.createInputPlanCache(static_cast<unsigned long>(Planes));
+    access::PaddedRows<View> padded;
+    padded.init(*cache, block, Planes);
+    f(padded, out, stream);
 }
 
-// One output plan of walkBlockDirect: its m rows of n voxels, written through `out`.
+// Whether plans may go the order-free way (walkPlans): rows wide enough for the
+// lane-shift reductions, and, for floats, a pass that may compute a plan twice (an in-place pass
+// has deferred some of its rows by then).
+template <class T, class Context>
+bool mayGoOrderFree(const Context& ctx, long n) {
+    return n > long(SimdVec::Ops<T>::N) && (std::is_integral_v<T> || !ctx.isInPlace());
+}
+
+// One output plan of walkBlock: its m rows of n voxels, written through `out`.
 template <class Kernel, int Planes, class Rows, class Out>
-LYN_INLINE void walkPlanDirect(const Rows& rows, long z, long n, long m, Out& out, bool stream) {
+LYN_INLINE void walkPlan(const Rows& rows, long z, long n, long m, Out& out, bool stream) {
     using T = typename Rows::T;
     constexpr unsigned long N = SimdVec::Ops<T>::N;
     access::EdgedRow<T> r[Planes][3];
@@ -66,30 +98,24 @@ LYN_INLINE void walkPlanDirect(const Rows& rows, long z, long n, long m, Out& ou
         for (int dz = 0; dz < Planes; ++dz)
             for (int dy = 0; dy < 3; ++dy) r[dz][dy] = rows.row(z + dz - Planes / 2, y + dy - 1);
         T* o = out.rowData();
-        walkEdgedRow<Kernel, N>(n, r, o, stream);
+        walkRow<Kernel, N>(n, r, o, stream);
         out.nextRow();
     }
 }
 
-// Walks every row of the block (and every plan of a 3D block) with input rows read in place:
-// Kernel::template vec<Edge>(rows, out, stream, x) computes vector x of an output row from the
-// input rows around it, rows[plan - planOffset][row + 1] with Planes plans from planOffset = -(Planes / 2).
+// Walks every row of the block (and every plan of a 3D block): Kernel::template vec<Edge>(rows,
+// out, stream, x) computes vector x of an output row from the input rows around it,
+// rows[plan - planOffset][row + 1] with Planes plans from planOffset = -(Planes / 2).
 // Kernel::kStreamOutput says whether the kernel may write large outputs with streaming stores.
-// False, having done nothing, when the input cannot be read in place.
 template <class Kernel, int Planes, class Block, class Context>
-bool walkBlockDirect(const Block& block, Context& ctx) {
-    access::DirectRows<typename Context::InView> rows;
-    if (!openDirectRows(block, ctx, rows)) return false;
+void walkBlock(const Block& block, Context& ctx) {
     const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-    if (m == 0 || p == 0) return true;
-    auto out = directOutput(ctx);
-    out.init(block);
-    const bool stream = Kernel::kStreamOutput && ctx.streamOutput();
-    for (long z = 0; z < p; ++z) {
-        walkPlanDirect<Kernel, Planes>(rows, z, n, m, out, stream);
-        if (ctx.isGroupCancelled()) return true;
-    }
-    return true;
+    withBlock<Planes>(block, ctx, Kernel::kStreamOutput, [&](const auto& rows, auto& out, bool stream) {
+        for (long z = 0; z < p; ++z) {
+            walkPlan<Kernel, Planes>(rows, z, n, m, out, stream);
+            if (ctx.isGroupCancelled()) return;
+        }
+    });
 }
 
 } // namespace morphology

@@ -1,9 +1,9 @@
 #pragma once
-// Rows read in place (access::EdgedRow: a pointer to block column 0 and the voxels beside the
+// Rows as kernels see them (access::EdgedRow: a pointer to block column 0 and the voxels beside the
 // block) walked in whole vectors: EdgedLoad gives vector x's three horizontal neighbours (the first
 // vector gets its left one, the last its right one, by shifting the edge voxel in), walkEdgedRow
-// visits the first, interior and last vectors with their Edge, and RowStore says how a row's
-// vectors are stored.
+// visits the first, interior and last vectors with their Edge (walkRow also rows no wider than a
+// vector), and RowStore says how a row's vectors are stored.
 #include <cstdint>
 #include "Core/private/Access/DirectRows.h"
 #include "simd/SimdVec.h"
@@ -57,6 +57,14 @@ LYN_INLINE void walkEdgedRow(long n, Args&... args) {
     Kernel::template vec<Edge::Last>(args..., n - L);
     Kernel::template vec<Edge::First>(args..., 0L);
     for (long x = L; x + L < n; x += L) Kernel::template vec<Edge::Interior>(args..., x);
+}
+
+// Walks a row of any width: as walkEdgedRow when it is wider than a vector, else one Interior vector
+// at 0, which only copied rows (access::PaddedRows, readable from column -1 to N) can be.
+template <class Kernel, unsigned long N, class... Args>
+LYN_INLINE void walkRow(long n, Args&... args) {
+    if (n > long(N)) walkEdgedRow<Kernel, N>(n, args...);
+    else Kernel::template vec<Edge::Interior>(args..., 0L);
 }
 
 } // namespace morphology

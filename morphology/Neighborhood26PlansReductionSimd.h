@@ -30,42 +30,30 @@ public:
     Neighborhood26PlansReductionSimd(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b)
         : m_scratch(std::move(a), std::move(b)) {}
 
+    // Plans go the order-free way (always, for integer types) or fold in order: walkPlans.
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
-        access::DirectRows<typename Context::InView> rows;
-        if (openDirectRows(block, ctx, rows)) return runDirect(block, ctx, rows);
-        runCached(block, ctx);
+        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
+        withBlock<3>(block, ctx, true, [&](const auto& rows, auto& out, bool stream) {
+            const bool orderFree = mayGoOrderFree<T>(ctx, n);
+            details::BlockStorage<T> scratch;
+            std::array<T*, 3> ring{};
+            if (orderFree) {
+                ring = details::blockRows<T, 3>(static_cast<std::size_t>(n), scratch);
+            } else {
+                const auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+                ring = {a, b, nullptr};
+            }
+            walkPlans<T>(
+                p, orderFree, [&](long z, auto& next) { return planOrderFree(rows, z, n, m, ring, out, stream, next); },
+                [&](long z) { planInOrder(rows, z, n, m, {ring[0], ring[1]}, out, stream); }, out, ctx);
+        });
     }
 
 private:
     using Ops = SimdVec::Ops<T>;
     using V = typename Ops::V;
     using Row = access::EdgedRow<T>;
-
-    // Input rows read in place: nothing is copied, and output rows go straight to an image in memory.
-    // Plans go the order-free way (always, for integer types) or fold in order: walkPlansOrderFreeFirst.
-    template <class Context, class Rows>
-    void runDirect(const access::Block3d& block, Context& ctx, const Rows& rows) const {
-        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-        if (m == 0 || p == 0) return;
-        details::BlockStorage<T> scratch;
-        const auto ring = details::blockRows<T, 3>(static_cast<std::size_t>(n), scratch);
-        auto out = directOutput(ctx);
-        out.init(block);
-        const bool stream = ctx.streamOutput();
-        walkPlansOrderFreeFirst<T>(p, DirectPlans<Rows, decltype(out)>{rows, n, m, ring, out, stream}, out, ctx);
-    }
-    template <class Rows, class Out>
-    struct DirectPlans {
-        const Rows& rows;
-        long n, m;
-        std::array<T*, 3> ring;
-        Out& out;
-        bool stream;
-        template <class Watch>
-        LYN_INLINE bool orderFree(long z, Watch& next) const { return planOrderFree(rows, z, n, m, ring, out, stream, next); }
-        LYN_INLINE void inOrder(long z) const { planInOrder(rows, z, n, m, ring, out, stream); }
-    };
 
     // R the order-free way (Across); the R rows live in a ring of three scratch rows. Stops, false,
     // at the first row where `next` sees a voxel that is not order-free.
@@ -96,20 +84,21 @@ private:
 
     // R in fold order; A and B carry the two R rows above the output row.
     template <class Rows, class Out>
-    static void planInOrder(const Rows& rows, long z, long n, long m, std::array<T*, 3> ring, Out& out, bool stream) {
-        T* a = ring[0];
-        T* b = ring[1];
+    static void planInOrder(const Rows& rows, long z, long n, long m, std::array<T*, 2> ab, Out& out, bool stream) {
+        T* a = ab[0];
+        T* b = ab[1];
         for (long k = -1; k <= 0; ++k) {
             const Row r0 = rows.row(z - 1, k), r1 = rows.row(z, k), r2 = rows.row(z + 1, k);
-            walkEdgedRow<Prelude, Ops::N>(n, r0, r1, r2, k < 0 ? a : b);
+            T* dst = k < 0 ? a : b;
+            walkRow<Prelude, Ops::N>(n, r0, r1, r2, dst);
         }
         for (long y = 0; y < m; ++y) {
             std::swap(a, b);
             const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
             T* o = out.rowData();
             V last;
-            walkEdgedRow<Fold, Ops::N>(n, r0, r1, r2, a, b, o, last, stream);
-            Ops::store(b + n - long(Ops::N), last);
+            walkRow<Fold, Ops::N>(n, r0, r1, r2, a, b, o, last, stream);
+            if (n > long(Ops::N)) Ops::store(b + n - long(Ops::N), last);
             out.nextRow();
         }
     }
@@ -168,99 +157,6 @@ private:
             else Ops::store(b + x, r);
         }
     };
-
-    template <class Context>
-    void runCached(const access::Block3d& block, Context& ctx) const {
-        constexpr long L = long(Ops::N);
-        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-        const unsigned long w = static_cast<unsigned long>(n + 2), h = static_cast<unsigned long>(m + 2);
-
-        auto& inCache = ctx.inputPlanCache();
-        if (!inCache) ctx.createInputPlanCache(3);
-        auto& outCache = ctx.outputPlanCache();
-        if (!outCache) ctx.createOuputPlanCache(1);
-        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
-
-        using Plan = typename std::decay_t<decltype(*inCache)>::Plan;
-        const Plan* plans[3];  // roles: plan z-1, plan z, plan z+1
-        plans[0] = &inCache->fetchPlanInBlock(1, w, h, block, -1, -1, -1, 0, 0);
-        plans[1] = &inCache->fetchPlanInBlock(2, w, h, block, -1, -1, 0, 0, 0);
-        unsigned long freeSlot = 0, slotOf[2] = {1, 2};
-
-        const bool inPlace = ctx.isInPlace();
-        const access::OverlapBorder overlap(1, 1, 1, 1, 1, 1);
-        // Planes are computed straight into an output held in memory when nothing is deferred; the
-        // overlapping last vector then keeps every store inside the row.
-        auto& outView = *ctx.getOutputView();
-        auto directRow = [&](long z, long y) {
-            return outView.directRowWrite(block.colsBegin(), block.rowsBegin() + y, block.plansBegin() + z,
-                                          block.sequenceBegin(), block.spectralSeriesBegin(),
-                                          static_cast<unsigned long>(n));
-        };
-        const bool direct = !inPlace && n >= L && m > 0 && directRow(0, 0) != nullptr;
-        const long full = n >= L ? n / L * L : L;
-        const long t = n - L;
-        const bool tail = n > L && n % L != 0;
-        for (long z = 0; z < p; ++z) {
-            plans[2] = &inCache->fetchPlanInBlock(freeSlot, w, h, block, -1, -1, z + 1, 0, 0);
-            const auto* out = direct ? nullptr
-                                     : &outCache->getPlanInBlock(0, static_cast<unsigned long>(n),
-                                                                 static_cast<unsigned long>(m), block, 0, 0, z, 0, 0);
-            for (long x = 0; x < n; x += L) {
-                Ops::store(a + x, reduce(plans, 0, x));
-                Ops::store(b + x, reduce(plans, 1, x));
-            }
-            if (ctx.isGroupCancelled()) return;
-            for (long y = 0; y < m; ++y) {
-                std::swap(a, b);
-                T* o = direct ? directRow(z, y) : out->row(static_cast<unsigned long>(y)).data();
-                const unsigned long k = static_cast<unsigned long>(y + 2);
-                // The overlapping last vector first: it must read B before the main loop replaces it.
-                typename Ops::V rt{};
-                if (tail) {
-                    rt = reduce(plans, k, t);
-                    const auto acc = Functor::template step<T>(Ops::load(b + t), Ops::load(a + t));
-                    Ops::store(o + t, Functor::template step<T>(acc, rt));
-                }
-                for (long x = 0; x < full; x += L) {
-                    const auto r = reduce(plans, k, x);
-                    const auto acc = Functor::template step<T>(Ops::load(b + x), Ops::load(a + x));
-                    Ops::store(o + x, Functor::template step<T>(acc, r));
-                    Ops::store(b + x, r);
-                }
-                if (tail) Ops::store(b + t, rt);
-            }
-            if (ctx.isGroupCancelled()) return;
-            for (long y = 0; y < m && !direct; ++y) {
-                if (inPlace) out->row(static_cast<unsigned long>(y)).writeRow(block, overlap);
-                else out->row(static_cast<unsigned long>(y)).writeRow(block);
-            }
-            // Plan z becomes plan z-1, plan z+1 becomes plan z; the old plan z-1's slot is free.
-            const unsigned long oldest = slotOf[0];
-            slotOf[0] = slotOf[1];
-            slotOf[1] = freeSlot;
-            freeSlot = oldest;
-            plans[0] = plans[1];
-            plans[1] = plans[2];
-        }
-    }
-
-    // R(k)[x]: plan z-1 at x-1, x, x+1, then plan z, then plan z+1, all in fetched row k.
-    template <class Plan>
-    static LYN_INLINE typename SimdVec::Ops<T>::V reduce(const Plan* const* plans, unsigned long k, long x) {
-        using Ops = SimdVec::Ops<T>;
-        const T* r = plans[0]->row(k).data();
-        auto acc = Ops::load(r + x);
-        acc = Functor::template step<T>(acc, Ops::load(r + x + 1));
-        acc = Functor::template step<T>(acc, Ops::load(r + x + 2));
-        for (int q = 1; q < 3; ++q) {
-            r = plans[q]->row(k).data();
-            acc = Functor::template step<T>(acc, Ops::load(r + x));
-            acc = Functor::template step<T>(acc, Ops::load(r + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(r + x + 2));
-        }
-        return acc;
-    }
 
     details::ScratchRows<T> m_scratch;
 };

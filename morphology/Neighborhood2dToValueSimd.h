@@ -23,42 +23,10 @@ public:
 
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
-        if (walkBlockDirect<Neighborhood2dToValueSimd, 1>(block, ctx)) return;
-        using T = typename Context::OutType;
-        using Ops = SimdVec::Ops<T>;
-        constexpr unsigned long N = Ops::N;
-        const long cols = long(block.getNbCols());
-        // Rows wide enough are walked in three parts (first vector, interior vectors read in place
-        // when the pass does not write what it reads, last vector), narrower ones as one padded row.
-        const bool split = cols >= long(N) + 2;
-        access::IteratorNeighborhood2D_4<typename Context::InView, N> in(ctx.getInputView(), access::NoDataType{},
-                                                                        split && !ctx.isInPlace());
-        in.init(block);
-        const access::OverlapBorder overlap =
-            ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 0, 0, 0)) : access::OverlapBorder();
-        access::IteratorPixelOutput<typename Context::OutView, N> out(ctx.getOutputView(), false, overlap, !ctx.isInPlace());
-        out.init(block);
-        for (long y = 0; y < long(block.getNbRows()); ++y) {
-            T* o = out.rowData();
-            if (split) {
-                const auto &u = in.row(0), &m = in.row(1), &d = in.row(2);
-                Ops::store(o, cross(u.left + 1, m.left, d.left + 1, 0));
-                for (long x = long(N); x + long(N) + 1 <= cols; x += long(N))
-                    Ops::store(o + x, cross(u.interior + x, m.interior + x - 1, d.interior + x, 0));
-                Ops::store(o + cols - long(N), cross(u.right + 1, m.right, d.right + 1, 0));
-            } else {
-                const long last = SimdVec::lastVectorStart(cols, long(N));
-                for (long x = 0;; x += long(N)) {
-                    if (x > last) x = last;
-                    Ops::store(o + x, cross(in.ptr(0), in.ptr(1), in.ptr(4), x));
-                    if (x == last) break;
-                }
-            }
-            out.nextRow();
-            if (y + 1 < long(block.getNbRows())) in.nextRow();
-        }
+        walkBlock<Neighborhood2dToValueSimd, 1>(block, ctx);
     }
 
+    // Vector x of an output row: up, then left, centre, right of the middle row, then down.
     template <Edge E, class T>
     static LYN_INLINE void vec(const access::EdgedRow<T> (&r)[1][3], T* const& o, const bool& stream, long x) {
         using In = EdgedLoad<T, E>;
@@ -69,17 +37,6 @@ public:
         SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, In::centre(r[0][2], x)), stream);
     }
 
-private:
-    // Up, then left, centre, right of the middle row (from `mid`, its voxel left of x), then down.
-    template <class T>
-    static LYN_INLINE typename SimdVec::Ops<T>::V cross(const T* up, const T* mid, const T* down, long x) {
-        using Ops = SimdVec::Ops<T>;
-        auto acc = Ops::load(up + x);
-        acc = Functor::template step<T>(acc, Ops::load(mid + x));
-        acc = Functor::template step<T>(acc, Ops::load(mid + x + 1));
-        acc = Functor::template step<T>(acc, Ops::load(mid + x + 2));
-        return Functor::template step<T>(acc, Ops::load(down + x));
-    }
 };
 
 // Any offset list, folded in list order; a one-offset list shifts the image.

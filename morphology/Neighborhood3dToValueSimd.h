@@ -52,13 +52,7 @@ public:
 
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
-        if (walkBlockDirect<Neighborhood3dToValueSimd, 3>(block, ctx)) return;
-        using Ops = SimdVec::Ops<typename Context::OutType>;
-        access::IteratorNeighborhood3D_6<typename Context::InView, Ops::N> in(ctx.getInputView(), access::NoDataType{});
-        in.init(block);
-        const access::OverlapBorder overlap =
-            ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
-        details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+        walkBlock<Neighborhood3dToValueSimd, 3>(block, ctx);
     }
 
     template <Edge E, class T>
@@ -72,24 +66,6 @@ public:
         acc = Functor::template step<T>(acc, In::centre(r[1][2], x));
         SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, In::centre(r[2][1], x)), stream);
     }
-
-    template <class Iterator, class T>
-    static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
-        using Ops = SimdVec::Ops<T>;
-        const T *back = in.ptr(0), *up = in.ptr(1), *mid = in.ptr(2), *down = in.ptr(5), *front = in.ptr(6);
-        const long last = SimdVec::lastVectorStart(cols, long(Ops::N));
-        for (long x = 0;; x += long(Ops::N)) {
-            if (x > last) x = last;
-            auto acc = Ops::load(back + x);
-            acc = Functor::template step<T>(acc, Ops::load(up + x));
-            acc = Functor::template step<T>(acc, Ops::load(mid + x));
-            acc = Functor::template step<T>(acc, Ops::load(mid + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(mid + x + 2));
-            acc = Functor::template step<T>(acc, Ops::load(down + x));
-            Ops::store(o + x, Functor::template step<T>(acc, Ops::load(front + x)));
-            if (x == last) break;
-        }
-    }
 };
 
 // Plus shapes in the plans before and after, the full 3x3 square in the current plan.
@@ -98,50 +74,25 @@ class Neighborhood3dToValueSimd<Functor, access::Neighborhood3D_18Tag, access::N
 public:
     static constexpr bool kStreamOutput = true;
 
+    // Plans whose input plans are order-free (always, for integer types) go in two stages: for each
+    // row y of the band, M(y) is the 3x3 square across plans and columns (Across) and S(y) folds
+    // plan z - 1, plan z across three columns, and plan z + 1; output row y folds S(y - 1), M(y) and
+    // S(y + 1). S rows live in a ring of three, M rows in a ring of two: 10 steps per vector. Other
+    // plans fold in order (vec).
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
-        if (runDirectTwoStage(block, ctx)) return;
-        if (walkBlockDirect<Neighborhood3dToValueSimd, 3>(block, ctx)) return;
-        using Ops = SimdVec::Ops<typename Context::OutType>;
-        access::IteratorNeighborhood3D_18<typename Context::InView, Ops::N> in(ctx.getInputView(), access::NoDataType{});
-        in.init(block);
-        const access::OverlapBorder overlap =
-            ctx.isInPlace() ? access::OverlapBorder(AlgoBorderInfluence(1, 1, 1, 0, 0)) : access::OverlapBorder();
-        details::walkBlock3d<Neighborhood3dToValueSimd>(block, ctx, in, overlap);
+        using T = typename Context::OutType;
+        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
+        withBlock<3>(block, ctx, kStreamOutput, [&](const auto& rows, auto& out, bool stream) {
+            const bool orderFree = mayGoOrderFree<T>(ctx, n);
+            details::BlockStorage<T> scratch;
+            const auto rowsOf = details::blockRows<T, 5>(orderFree ? static_cast<std::size_t>(n) : 0, scratch);
+            walkPlans<T>(
+                p, orderFree, [&](long z, auto& next) { return planTwoStage(rows, z, n, m, rowsOf, out, stream, next); },
+                [&](long z) { walkPlan<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream); }, out, ctx);
+        });
     }
 
-    // Input rows read in place. Plans whose input plans are order-free (always, for integer types)
-    // go in two stages: for each row y of the band, M(y) is the 3x3 square across plans and columns
-    // (Across) and S(y) folds plan z - 1, plan z across three columns, and plan z + 1; output row y
-    // folds S(y - 1), M(y) and S(y + 1). S rows live in a ring of three, M rows in a ring of two:
-    // 10 steps per vector. Other plans fold in order (vec): walkPlansOrderFreeFirst. False when the
-    // input cannot be read in place.
-    template <class Context>
-    static bool runDirectTwoStage(const access::Block3d& block, Context& ctx) {
-        using T = typename Context::OutType;
-        access::DirectRows<typename Context::InView> rows;
-        if (!openDirectRows(block, ctx, rows)) return false;
-        const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-        if (m == 0 || p == 0) return true;
-        details::BlockStorage<T> scratch;
-        const auto rowsOf = details::blockRows<T, 5>(static_cast<std::size_t>(n), scratch);
-        auto out = directOutput(ctx);
-        out.init(block);
-        const bool stream = kStreamOutput && ctx.streamOutput();
-        walkPlansOrderFreeFirst<T>(p, DirectPlans<decltype(rows), T, decltype(out)>{rows, n, m, rowsOf, out, stream}, out, ctx);
-        return true;
-    }
-    template <class Rows, class T, class Out>
-    struct DirectPlans {
-        const Rows& rows;
-        long n, m;
-        std::array<T*, 5> rowsOf;
-        Out& out;
-        bool stream;
-        template <class Watch>
-        LYN_INLINE bool orderFree(long z, Watch& next) const { return planTwoStage(rows, z, n, m, rowsOf, out, stream, next); }
-        LYN_INLINE void inOrder(long z) const { walkPlanDirect<Neighborhood3dToValueSimd, 3>(rows, z, n, m, out, stream); }
-    };
     // Plan z in two stages, `next` watching plan z + 1. Stops, false, at the first row where `next`
     // sees a voxel that is not order-free.
     template <class Rows, class T, class Out, class Watch>
@@ -215,40 +166,6 @@ public:
         acc = Functor::template step<T>(acc, In::centre(r[2][1], x));
         acc = Functor::template step<T>(acc, In::right(r[2][1], x));
         SimdVec::storeOut<T>(o + x, Functor::template step<T>(acc, In::centre(r[2][2], x)), stream);
-    }
-
-    // Nine row pointers (three rows of three plans, each from column -1) replace the 19 operand
-    // pointers; the fold order is that of the iterator's list.
-    template <class Iterator, class T>
-    static LYN_INLINE void fold(const Iterator& in, T* o, long cols) {
-        using Ops = SimdVec::Ops<T>;
-        const T *am = in.ptr(0) - 1, *ac = in.ptr(1), *ap = in.ptr(4) - 1;
-        const T *bm = in.ptr(5), *bc = in.ptr(8), *bp = in.ptr(11);
-        const T *cm = in.ptr(14) - 1, *cc = in.ptr(15), *cp = in.ptr(18) - 1;
-        const long last = SimdVec::lastVectorStart(cols, long(Ops::N));
-        for (long x = 0;; x += long(Ops::N)) {
-            if (x > last) x = last;
-            auto acc = Ops::load(am + x + 1);
-            acc = Functor::template step<T>(acc, Ops::load(ac + x));
-            acc = Functor::template step<T>(acc, Ops::load(ac + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(ac + x + 2));
-            acc = Functor::template step<T>(acc, Ops::load(ap + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(bm + x));
-            acc = Functor::template step<T>(acc, Ops::load(bm + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(bm + x + 2));
-            acc = Functor::template step<T>(acc, Ops::load(bc + x));
-            acc = Functor::template step<T>(acc, Ops::load(bc + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(bc + x + 2));
-            acc = Functor::template step<T>(acc, Ops::load(bp + x));
-            acc = Functor::template step<T>(acc, Ops::load(bp + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(bp + x + 2));
-            acc = Functor::template step<T>(acc, Ops::load(cm + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(cc + x));
-            acc = Functor::template step<T>(acc, Ops::load(cc + x + 1));
-            acc = Functor::template step<T>(acc, Ops::load(cc + x + 2));
-            Ops::store(o + x, Functor::template step<T>(acc, Ops::load(cp + x + 1)));
-            if (x == last) break;
-        }
     }
 };
 

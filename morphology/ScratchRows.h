@@ -1,7 +1,7 @@
 #pragma once
-// Scratch rows of the reduction kernels: per block for the paths that read their input in place,
-// per worker thread (shared by every copy of the kernel object, grown to the widest block seen) for
-// the cached paths.
+// Scratch rows of the reduction kernels: per block for the order-free rings (BlockStorage), per
+// worker thread for the two rows the in-order folds carry (ScratchRows: shared by every copy of the
+// kernel object, grown to the widest block seen).
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -19,10 +19,9 @@ namespace details {
 template <class T>
 using BlockStorage = std::vector<T, SimdVec::AlignedAllocator<T, 32>>;
 
-// K rows of at least n voxels each, on 32-byte boundaries, held by `storage`: the scratch rows of
-// kernels that read their input in place, allocated per block. Measured: per-thread rows made
-// the 26-connected integer kernel scale 1.5x from 1 to 2 threads instead of 2x; per-block rows cost
-// one allocation per block and are no slower anywhere else.
+// K rows of at least n voxels each, on 32-byte boundaries, held by `storage`, allocated per block.
+// Measured: per-thread rows made the 26-connected integer kernel scale 1.5x from 1 to 2 threads
+// instead of 2x; per-block rows cost one allocation per block and are no slower anywhere else.
 template <class T, std::size_t K>
 std::array<T*, K> blockRows(std::size_t n, BlockStorage<T>& storage) {
     const std::size_t stride = (n + 31) / 32 * 32;

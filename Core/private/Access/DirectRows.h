@@ -1,13 +1,15 @@
 #pragma once
-// Input rows of a block read in place from an image held in memory, for passes that do not write
-// the image they read. A row is its block columns plus the two voxels just outside them (from the
-// image, or the border value beyond its edges): kernels shift those into their first and last
-// vectors instead of reading padded copies, so nothing is copied. Rows outside the image are one
-// constant row of the border value. Only for fixed borders, which describe every outside voxel
-// with one value.
+// The input rows of a block as kernels see them: an EdgedRow, a pointer to block column 0 with the
+// voxels just outside the block beside it. DirectRows reads them in place from an image held in
+// memory, for passes that do not write the image they read: kernels shift the edge voxels (from
+// the image, or the border value beyond its edges) into their first and last vectors, so nothing
+// is copied; rows outside the image are one constant row of the border value; only for fixed
+// borders, which describe every outside voxel with one value. PaddedRows copies them, for every
+// other pass. Either way a kernel has one body.
 #include <vector>
 
 #include "Core/private/Access/Block.h"
+#include "Core/private/Access/Caches.h"
 #include "host/BorderCondition.h"
 
 namespace lyn {
@@ -70,6 +72,54 @@ private:
     bool m_hasLeft = false, m_hasRight = false;
     T m_border{};
     std::vector<T> m_constant;
+};
+
+// The same rows for passes that cannot read their input in place (they write the image they read,
+// or it is not in memory): copies with one margin voxel either side, in the calling thread's plan
+// cache. A plan is fetched whole (rows -1 to rows of the block) the first time one of its rows is
+// asked for, so an in-place pass has copied every input row before it writes the output rows of
+// that plan; `planes` plans are kept (1 for 2D, 3 for kernels reaching one plan either side), and
+// plans must be asked for in rising order. Rows of any width: a copy is readable from column -1 to
+// at least N, so a row narrower than a vector is one whole vector too.
+template <class View>
+class PaddedRows {
+public:
+    using T = typename View::value_type;
+    using Cache = PlanCacheRead<View, typename View::allocator_type>;
+
+    void init(const Cache& cache, const Block& block, int planes) {
+        m_cache = &cache;
+        m_block = &block;
+        m_planes = planes;
+        m_n = long(block.getNbCols());
+        m_first = -(planes / 2);
+        m_last = m_first - 1;
+        m_plans.assign(static_cast<std::size_t>(planes), nullptr);
+        while (m_last < m_first + planes - 1) fetchNext();
+    }
+
+    // Same contract as DirectRows::row; inlined for the same reason.
+    __attribute__((always_inline)) EdgedRow<T> row(long planOffset, long rowOffset) const {
+        while (planOffset > m_last) fetchNext();
+        const T* p = m_plans[slot(planOffset)]->row(static_cast<unsigned long>(rowOffset + 1)).data() + 1;
+        return {p, p[-1], p[m_n]};
+    }
+
+private:
+    std::size_t slot(long planOffset) const { return static_cast<std::size_t>((planOffset - m_first) % m_planes); }
+    __attribute__((noinline)) void fetchNext() const {
+        ++m_last;
+        const std::size_t s = slot(m_last);
+        m_plans[s] = &m_cache->fetchPlanInBlock(s, static_cast<unsigned long>(m_n + 2), m_block->getNbRows() + 2, *m_block,
+                                                -1, -1, m_last, 0, 0);
+    }
+
+    const Cache* m_cache = nullptr;
+    const Block* m_block = nullptr;
+    int m_planes = 1;
+    long m_n = 0, m_first = 0;
+    mutable long m_last = 0;
+    mutable std::vector<const typename Cache::Plan*> m_plans;
 };
 
 } // namespace access

@@ -148,41 +148,6 @@ private:
     long m_rowStride = 0, m_planStride = 0;
 };
 
-namespace details {
-// One input row of a block seen three ways, so interior vectors can be read in place: `interior` is
-// block column 0, `left` starts at column -1 and `right` at column cols - N - 1, each with N + 2
-// readable voxels. Rows of an image held in memory (with `direct`) are read in place and only the
-// two edge segments are copied through the cache, which applies the border condition; other rows
-// are one padded copy that serves all three.
-template <class T>
-struct SplitRow {
-    const T* interior = nullptr;
-    const T* left = nullptr;
-    const T* right = nullptr;
-};
-
-// Fetches block row `rowOffset` into cache slots 3 * group .. 3 * group + 2.
-template <unsigned long N, class View, class Cache>
-SplitRow<typename View::value_type> fetchSplitRow(const View& view, const Cache& cache, unsigned long group,
-                                                  const Block& block, long rowOffset, bool direct) {
-    const long cols = long(block.getNbCols());
-    SplitRow<typename View::value_type> r;
-    if (direct && cols >= long(N) + 2)
-        r.interior = view.directRow(block.colsBegin(), block.rowsBegin() + rowOffset, block.plansBegin(),
-                                    block.sequenceBegin(), block.spectralSeriesBegin(), static_cast<unsigned long>(cols));
-    if (r.interior) {
-        r.left = cache.fetchRowInBlock(3 * group + 1, N + 2, block, -1, rowOffset, 0, 0, 0).data();
-        r.right = cache.fetchRowInBlock(3 * group + 2, N + 2, block, cols - long(N) - 1, rowOffset, 0, 0, 0).data();
-        return r;
-    }
-    const auto* d = cache.fetchRowInBlock(3 * group, static_cast<unsigned long>(cols + 2), block, -1, rowOffset, 0, 0, 0).data();
-    r.interior = d + 1;
-    r.left = d;
-    r.right = cols >= long(N) ? d + (cols - long(N)) : d;
-    return r;
-}
-} // namespace details
-
 // Centre and its four edge neighbours, over a band of three cached rows.
 template <class View, unsigned long N>
 class IteratorNeighborhood2D_4 {
@@ -191,51 +156,49 @@ public:
     using Alloc = typename View::allocator_type;
     enum { Up, Left, Centre, Right, Down, Count };
 
-    // With `direct`, rows of an image held in memory are read in place (see SplitRow); only for
-    // passes that do not write the image they read.
-    IteratorNeighborhood2D_4(std::shared_ptr<const View> view, NoDataType, bool direct = false)
-        : m_view(std::move(view)), m_cache(m_view->createRowCacheRead(9)), m_direct(direct) {}
+    IteratorNeighborhood2D_4(std::shared_ptr<const View> view, NoDataType)
+        : m_view(std::move(view)), m_cache(m_view->createRowCacheRead(3)) {}
 
     void init(const Block2d& block) {
         m_s.block2d = block;
         m_s.start<N>(block);
         for (unsigned long i = 0; i < 3; ++i) {
-            m_groups[i] = i;
-            m_rows[i] = details::fetchSplitRow<N>(*m_view, *m_cache, i, m_s.block2d, long(i) - 1, m_direct);
+            m_slots[i] = i;
+            fetch(i, long(i) - 1);
         }
         aim();
     }
-    // Rows above, at and below the current row.
-    const details::SplitRow<T>& row(int i) const { return m_rows[i]; }
-    // Operand pointers of a padded band (without `direct`): up, left, centre, right, down.
+    // Operand pointers: up, left, centre, right, down.
     const T* ptr(int k) const { return m_ptr[k]; }
     void nextRow() {
         ++m_s.row;
-        const unsigned long freed = m_groups[0];
-        m_groups[0] = m_groups[1];
-        m_groups[1] = m_groups[2];
-        m_groups[2] = freed;
-        m_rows[0] = m_rows[1];
-        m_rows[1] = m_rows[2];
-        m_rows[2] = details::fetchSplitRow<N>(*m_view, *m_cache, freed, m_s.block2d, m_s.row + 1, m_direct);
+        const unsigned long freed = m_slots[0];
+        m_slots[0] = m_slots[1];
+        m_slots[1] = m_slots[2];
+        m_slots[2] = freed;
+        fetch(freed, m_s.row + 1);
         aim();
     }
 
 private:
+    void fetch(unsigned long slot, long rowOffset) {
+        m_cache->fetchRowInBlock(slot, m_s.block2d.getNbCols() + 2, m_s.block2d, -1, rowOffset, 0, 0, 0);
+    }
     void aim() {
-        m_ptr[Up] = m_rows[0].interior;
-        m_ptr[Left] = m_rows[1].left;  // interior - 1 in a padded row
-        m_ptr[Centre] = m_rows[1].interior;
-        m_ptr[Right] = m_rows[1].interior + 1;
-        m_ptr[Down] = m_rows[2].interior;
+        const T* up = m_cache->row(m_slots[0]).data();
+        const T* mid = m_cache->row(m_slots[1]).data();
+        const T* down = m_cache->row(m_slots[2]).data();
+        m_ptr[Up] = up + 1;
+        m_ptr[Left] = mid;
+        m_ptr[Centre] = mid + 1;
+        m_ptr[Right] = mid + 2;
+        m_ptr[Down] = down + 1;
     }
 
     std::shared_ptr<const View> m_view;
     std::shared_ptr<RowCacheRead<View, Alloc>> m_cache;
-    bool m_direct;
     details::IteratorState m_s;
-    unsigned long m_groups[3] = {0, 1, 2};
-    details::SplitRow<T> m_rows[3];
+    unsigned long m_slots[3] = {0, 1, 2};
     const T* m_ptr[Count] = {};
 };
 
