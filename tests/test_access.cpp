@@ -162,7 +162,7 @@ public:
 
 // Rows read in place: the voxels beside a block come from the image inside it and from the border
 // value at the image's edges; rows outside the image read as the border; anything but a fixed
-// border, or a block narrower than asked, is refused (the kernels then take the cached path).
+// border, or a block narrower than asked, is refused (the kernels then copy rows: PaddedRows).
 TEST(DirectRowsTest, EdgesComeFromTheImageOrTheBorder) {
     using View = access::View<std::int16_t, SimdVec::AlignedAllocator<std::int16_t, 32>>;
     MemoryImage image(Int16, 10, 4, 3);
@@ -195,29 +195,33 @@ TEST(DirectRowsTest, EdgesComeFromTheImageOrTheBorder) {
 }
 
 // The two ways kernels get a row hand them the same voxels: a row read in place with its two edge
-// voxels equals the padded copy the row cache makes (columns -1 to cols), for blocks anywhere in
-// the image and rows and plans up to two outside it, in every image sequence and spectral series.
-TEST(DirectRowsTest, RowsReadInPlaceEqualTheCachedCopies) {
+// voxels equals the copy PaddedRows makes, for blocks anywhere in the image, rows one outside the
+// block and plans up to two outside it (the band rolling on), in every sequence and spectral series.
+TEST(DirectRowsTest, RowsReadInPlaceEqualTheCopies) {
     using View = access::View<float, SimdVec::AlignedAllocator<float, 32>>;
     MemoryImage image(Float, 23, 7, 5, 2, 2);
     std::mt19937 rng(3);
     for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) image.dataAs<float>()[i] = float(rng() % 1000);
     auto view = View::New(static_cast<const ImageModel*>(&image), access::FixedBorderCondition<float>::New(-1.5f));
-    auto cache = view->createRowCacheRead(1);
+    auto cache = view->createPlanCacheRead(3);
     for (int round = 0; round < 60; ++round) {
-        const long c0 = long(rng() % 20), c1 = c0 + 1 + long(rng() % (23 - c0 - 1 + 1));
-        const long r0 = long(rng() % 7), p0 = long(rng() % 5), s = long(rng() % 2), l = long(rng() % 2);
-        const access::Block3d block(p0, p0 + 1, 1, r0, r0 + 1, 1, c0, std::min(c1, 23L), 1, s, l);
-        access::DirectRows<View> rows;
-        ASSERT_TRUE(rows.init(*view, block, 1));
-        const long n = long(block.getNbCols());
-        for (long dz = -2; dz <= 2; ++dz)
-            for (long dy = -2; dy <= 2; ++dy) {
-                const access::EdgedRow<float> direct = rows.row(dz, dy);
-                const auto& cached = cache->fetchRowInBlock(0, static_cast<unsigned long>(n + 2), block, -1, dy, dz, 0, 0);
-                ASSERT_EQ(direct.left, cached.data()[0]) << round << " " << dz << " " << dy;
-                ASSERT_EQ(direct.right, cached.data()[n + 1]) << round << " " << dz << " " << dy;
-                for (long x = 0; x < n; ++x) ASSERT_EQ(direct.p[x], cached.data()[x + 1]) << round << " x=" << x;
+        const long c0 = long(rng() % 20), c1 = std::min(c0 + 1 + long(rng() % 23), 23L);
+        const long r0 = long(rng() % 7), r1 = std::min(r0 + 1 + long(rng() % 3), 7L);
+        const long p0 = long(rng() % 5), p1 = std::min(p0 + 1 + long(rng() % 2), 5L);
+        const long s = long(rng() % 2), l = long(rng() % 2);
+        const access::Block3d block(p0, p1, 1, r0, r1, 1, c0, c1, 1, s, l);
+        access::DirectRows<View> direct;
+        ASSERT_TRUE(direct.init(*view, block, 1));
+        access::PaddedRows<View> padded;
+        const int planes = 1 + 2 * int(round % 2);
+        padded.init(*cache, block, planes);
+        const long n = c1 - c0;
+        for (long dz = -(planes / 2); dz <= p1 - p0 + 1; ++dz)
+            for (long dy = -1; dy <= r1 - r0; ++dy) {
+                const access::EdgedRow<float> a = direct.row(dz, dy), b = padded.row(dz, dy);
+                ASSERT_EQ(a.left, b.left) << round << " " << dz << " " << dy;
+                ASSERT_EQ(a.right, b.right) << round << " " << dz << " " << dy;
+                for (long x = 0; x < n; ++x) ASSERT_EQ(a.p[x], b.p[x]) << round << " x=" << x;
             }
     }
 }

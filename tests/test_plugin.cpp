@@ -493,7 +493,7 @@ TEST_F(PluginTest, ImagesWithoutAMemoryLayoutGiveTheSameResults) {
         e.setUsePlugin(plugin);
         e.execute();
     }
-    EXPECT_TRUE(sameBits(inPlace, reference)) << describeDifference(inPlace, reference);
+    EXPECT_TRUE(sameBits(inPlace, reference)) << firstDifference(inPlace, reference);
 }
 
 // Progress rises, never falls, and ends at one, whatever splits the work: passes (with a temporary
