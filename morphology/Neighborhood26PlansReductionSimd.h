@@ -23,12 +23,10 @@ namespace lyn {
 namespace morphology {
 
 template <class Functor, class T, class Arch>
-class Neighborhood26PlansReductionSimd {
+class Neighborhood26PlansReductionSimd : details::ScratchRows<T> {
 public:
-    using Scratch = typename details::ScratchRows<T>::Scratch;
-
-    Neighborhood26PlansReductionSimd(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b)
-        : m_scratch(std::move(a), std::move(b)) {}
+    using typename details::ScratchRows<T>::Scratch;
+    using details::ScratchRows<T>::ScratchRows;
 
     // Plans go the order-free way (always, for integer types) or fold in order: walkPlans.
     template <class Context>
@@ -41,7 +39,7 @@ public:
             if (orderFree) {
                 ring = details::blockRows<T, 3>(static_cast<std::size_t>(n), scratch);
             } else {
-                const auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+                const auto [a, b] = this->local(static_cast<std::size_t>(n));
                 ring = {a, b, nullptr};
             }
             walkPlans<T>(
@@ -157,8 +155,6 @@ private:
             else Ops::store(b + x, r);
         }
     };
-
-    details::ScratchRows<T> m_scratch;
 };
 
 } // namespace morphology

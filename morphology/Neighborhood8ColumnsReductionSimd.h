@@ -21,12 +21,10 @@ namespace lyn {
 namespace morphology {
 
 template <class Functor, class T, class Arch>
-class Neighborhood8ColumnsReductionSimd {
+class Neighborhood8ColumnsReductionSimd : details::ScratchRows<T> {
 public:
-    using Scratch = typename details::ScratchRows<T>::Scratch;
-
-    Neighborhood8ColumnsReductionSimd(std::shared_ptr<Scratch> a, std::shared_ptr<Scratch> b)
-        : m_scratch(std::move(a), std::move(b)) {}
+    using typename details::ScratchRows<T>::Scratch;
+    using details::ScratchRows<T>::ScratchRows;
 
     // Integer rows wider than a vector fold the three rows first (Across), others in fold order.
     template <class Context>
@@ -63,7 +61,7 @@ private:
     // rows, A the row above, B the current one.
     template <class Rows, class Out>
     void runSeparable(const Rows& rows, long n, long m, Out& out, bool stream) const {
-        auto [a, b] = m_scratch.local(static_cast<std::size_t>(n));
+        auto [a, b] = this->local(static_cast<std::size_t>(n));
         Row r = rows.row(0, -1);
         walkRow<StoreH, Ops::N>(n, r, a);
         r = rows.row(0, 0);
@@ -101,8 +99,6 @@ private:
             else Ops::store(a + x, h);
         }
     };
-
-    details::ScratchRows<T> m_scratch;
 };
 
 } // namespace morphology

@@ -31,6 +31,8 @@ std::array<T*, K> blockRows(std::size_t n, BlockStorage<T>& storage) {
     return rows;
 }
 
+// The two rows of a kernel's in-order fold, one pair per worker thread: kernels take it as a base,
+// constructed from the two shared stores.
 template <class T>
 class ScratchRows {
 public:
