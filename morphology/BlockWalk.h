@@ -63,7 +63,7 @@ BlockOutput<Context> blockOutput(Context& ctx, int planes) {
 // again, for kernels that ask for it (rows computed aside and then written would be read back from
 // memory).
 template <int Planes, class Block, class Context, class F>
-void withBlock(const Block& block, Context& ctx, bool kernelStreams, F&& f) {
+LYN_INLINE void withBlock(const Block& block, Context& ctx, bool kernelStreams, F&& f) {
     if (block.getNbCols() == 0 || block.getNbRows() == 0 || block.getNbPlans() == 0) return;
     using View = typename Context::InView;
     auto out = blockOutput(ctx, Planes);
@@ -98,7 +98,7 @@ LYN_INLINE void walkPlan(const Rows& rows, long z, long n, long m, Out& out, boo
         for (int dz = 0; dz < Planes; ++dz)
             for (int dy = 0; dy < 3; ++dy) r[dz][dy] = rows.row(z + dz - Planes / 2, y + dy - 1);
         T* o = out.rowData();
-        walkRow<Kernel, N>(n, r, o, stream);
+        walkRow<Kernel, N, Rows>(n, r, o, stream);
         out.nextRow();
     }
 }
@@ -110,7 +110,7 @@ LYN_INLINE void walkPlan(const Rows& rows, long z, long n, long m, Out& out, boo
 template <class Kernel, int Planes, class Block, class Context>
 void walkBlock(const Block& block, Context& ctx) {
     const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-    withBlock<Planes>(block, ctx, Kernel::kStreamOutput, [&](const auto& rows, auto& out, bool stream) {
+    withBlock<Planes>(block, ctx, Kernel::kStreamOutput, [&](const auto& rows, auto& out, bool stream) LYN_LAMBDA_INLINE {
         for (long z = 0; z < p; ++z) {
             walkPlan<Kernel, Planes>(rows, z, n, m, out, stream);
             if (ctx.isGroupCancelled()) return;

@@ -59,12 +59,15 @@ LYN_INLINE void walkEdgedRow(long n, Args&... args) {
     for (long x = L; x + L < n; x += L) Kernel::template vec<Edge::Interior>(args..., x);
 }
 
-// Walks a row of any width: as walkEdgedRow when it is wider than a vector, else one Interior vector
-// at 0, which only copied rows (access::PaddedRows, readable from column -1 to N) can be.
-template <class Kernel, unsigned long N, class... Args>
+// Walks a row from `Rows` (access::DirectRows or PaddedRows): as walkEdgedRow, and for copied rows
+// (kAnyWidth, readable from column -1 to N) also a row no wider than a vector, as one Interior
+// vector at 0. Rows read in place are always wider (DirectRows::init), and their walk has no branch.
+template <class Kernel, unsigned long N, class Rows, class... Args>
 LYN_INLINE void walkRow(long n, Args&... args) {
-    if (n > long(N)) walkEdgedRow<Kernel, N>(n, args...);
-    else Kernel::template vec<Edge::Interior>(args..., 0L);
+    if constexpr (Rows::kAnyWidth) {
+        if (n <= long(N)) return Kernel::template vec<Edge::Interior>(args..., 0L);
+    }
+    walkEdgedRow<Kernel, N>(n, args...);
 }
 
 } // namespace morphology

@@ -32,7 +32,7 @@ public:
     template <class Context>
     void run(const access::Block3d& block, Context& ctx) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-        withBlock<3>(block, ctx, true, [&](const auto& rows, auto& out, bool stream) {
+        withBlock<3>(block, ctx, true, [&](const auto& rows, auto& out, bool stream) LYN_LAMBDA_INLINE {
             const bool orderFree = mayGoOrderFree<T>(ctx, n);
             details::BlockStorage<T> scratch;
             std::array<T*, 3> ring{};
@@ -88,14 +88,14 @@ private:
         for (long k = -1; k <= 0; ++k) {
             const Row r0 = rows.row(z - 1, k), r1 = rows.row(z, k), r2 = rows.row(z + 1, k);
             T* dst = k < 0 ? a : b;
-            walkRow<Prelude, Ops::N>(n, r0, r1, r2, dst);
+            walkRow<Prelude, Ops::N, Rows>(n, r0, r1, r2, dst);
         }
         for (long y = 0; y < m; ++y) {
             std::swap(a, b);
             const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
             T* o = out.rowData();
             V last;
-            walkRow<Fold, Ops::N>(n, r0, r1, r2, a, b, o, last, stream);
+            walkRow<Fold, Ops::N, Rows>(n, r0, r1, r2, a, b, o, last, stream);
             if (n > long(Ops::N)) Ops::store(b + n - long(Ops::N), last);
             out.nextRow();
         }

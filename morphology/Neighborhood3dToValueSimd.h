@@ -83,7 +83,7 @@ public:
     void run(const access::Block3d& block, Context& ctx) const {
         using T = typename Context::OutType;
         const long n = long(block.getNbCols()), m = long(block.getNbRows()), p = long(block.getNbPlans());
-        withBlock<3>(block, ctx, kStreamOutput, [&](const auto& rows, auto& out, bool stream) {
+        withBlock<3>(block, ctx, kStreamOutput, [&](const auto& rows, auto& out, bool stream) LYN_LAMBDA_INLINE {
             const bool orderFree = mayGoOrderFree<T>(ctx, n);
             details::BlockStorage<T> scratch;
             const auto rowsOf = details::blockRows<T, 5>(orderFree ? static_cast<std::size_t>(n) : 0, scratch);

@@ -30,7 +30,7 @@ public:
     template <class Context>
     void run(const access::Block2d& block, Context& ctx) const {
         const long n = long(block.getNbCols()), m = long(block.getNbRows());
-        withBlock<1>(block, ctx, true, [&](const auto& rows, auto& out, bool stream) {
+        withBlock<1>(block, ctx, true, [&](const auto& rows, auto& out, bool stream) LYN_LAMBDA_INLINE {
             if (std::is_integral_v<T> && n > long(Ops::N)) runAcross(rows, n, m, out, stream);
             else runSeparable(rows, n, m, out, stream);
         });
@@ -63,14 +63,14 @@ private:
     void runSeparable(const Rows& rows, long n, long m, Out& out, bool stream) const {
         auto [a, b] = this->local(static_cast<std::size_t>(n));
         Row r = rows.row(0, -1);
-        walkRow<StoreH, Ops::N>(n, r, a);
+        walkRow<StoreH, Ops::N, Rows>(n, r, a);
         r = rows.row(0, 0);
-        walkRow<StoreH, Ops::N>(n, r, b);
+        walkRow<StoreH, Ops::N, Rows>(n, r, b);
         for (long y = 0; y < m; ++y) {
             r = rows.row(0, y + 1);
             T* o = out.rowData();
             V last;
-            walkRow<FoldH, Ops::N>(n, r, a, b, o, last, stream);
+            walkRow<FoldH, Ops::N, Rows>(n, r, a, b, o, last, stream);
             if (n > long(Ops::N)) Ops::store(a + n - long(Ops::N), last);
             out.nextRow();
             std::swap(a, b);

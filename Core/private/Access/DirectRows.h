@@ -26,6 +26,7 @@ template <class View>
 class DirectRows {
 public:
     using T = typename View::value_type;
+    static constexpr bool kAnyWidth = false;  // rows have at least the minCols of init
 
     // False (and unusable) when the image is not in memory, its border is not a fixed value, or the
     // block has fewer than minCols columns.
@@ -85,6 +86,7 @@ template <class View>
 class PaddedRows {
 public:
     using T = typename View::value_type;
+    static constexpr bool kAnyWidth = true;
     using Cache = PlanCacheRead<View, typename View::allocator_type>;
 
     void init(const Cache& cache, const Block& block, int planes) {
