@@ -12,6 +12,7 @@
 
 #include "Core/private/Access/Caches.h"
 #include "Core/private/Access/DirectRows.h"
+#include "Core/private/Access/Iterators.h"
 #include "Core/private/Filters/QuantificationFilter.h"
 #include "host/Algorithms.h"
 #include "simd/AlignedAllocator.h"
@@ -223,6 +224,60 @@ TEST(DirectRowsTest, RowsReadInPlaceEqualTheCopies) {
                 ASSERT_EQ(a.right, b.right) << round << " " << dz << " " << dy;
                 for (long x = 0; x < n; ++x) ASSERT_EQ(a.p[x], b.p[x]) << round << " x=" << x;
             }
+    }
+}
+
+// The fixed-neighbourhood iterators point each operand where the fold-order tables say, in the
+// rows PaddedRows copies: operand k of the 6- and 18-neighbourhoods at kOffsets6[k] / kOffsets18[k],
+// the 4-neighbourhood's up, left, centre, right, down; through every row and plan of a block.
+TEST(IteratorTest, OperandsFollowTheFoldOrderTables) {
+    using View = access::View<std::int32_t, SimdVec::AlignedAllocator<std::int32_t, 32>>;
+    MemoryImage image(Int32, 11, 6, 5);
+    for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) image.dataAs<std::int32_t>()[i] = std::int32_t(i * 7 + 1);
+    auto view = View::New(static_cast<const ImageModel*>(&image), access::FixedBorderCondition<std::int32_t>::New(-3));
+    auto cache = view->createPlanCacheRead(3);
+    const access::Block3d block(1, 4, 1, 1, 5, 1, 2, 9, 1, 0, 0);
+    const long n = 7, m = 4, p = 3;
+    auto check = [&](auto& it, int count, auto offsetOf) {
+        access::PaddedRows<View> rows;
+        rows.init(*cache, block, 3);
+        it.init(block);
+        for (long z = 0; z < p; ++z) {
+            for (long y = 0; y < m; ++y) {
+                for (int k = 0; k < count; ++k) {
+                    const std::array<int, 3> o = offsetOf(k);  // plan, row, column
+                    const auto r = rows.row(z + o[0], y + o[1]);
+                    for (long x = 0; x < n; ++x) {
+                        const std::int32_t expected = x + o[2] < 0 ? r.left : x + o[2] >= n ? r.right : r.p[x + o[2]];
+                        ASSERT_EQ(it.ptr(k)[x], expected) << "operand " << k << " z=" << z << " y=" << y << " x=" << x;
+                    }
+                }
+                if (y + 1 < m) it.nextRow();
+            }
+            if (z + 1 < p) it.nextPlan();
+        }
+    };
+    access::IteratorNeighborhood3D_6<View, 8> six(view, access::NoDataType{});
+    check(six, 7, [](int k) { return std::array<int, 3>{kOffsets6[k][0], kOffsets6[k][1], kOffsets6[k][2]}; });
+    access::IteratorNeighborhood3D_18<View, 8> eighteen(view, access::NoDataType{});
+    check(eighteen, 19, [](int k) { return std::array<int, 3>{kOffsets18[k][0], kOffsets18[k][1], kOffsets18[k][2]}; });
+
+    // One plan of the same block as a 2D block: up, left, centre, right, down.
+    const access::Block2d plane(1, 5, 1, 2, 9, 1, 2, 0, 0);  // rows 1-4, columns 2-8, plan 2
+    access::IteratorNeighborhood2D_4<View, 8> cross(view, access::NoDataType{});
+    access::PaddedRows<View> rows;
+    rows.init(*cache, plane, 1);
+    cross.init(plane);
+    const int cross4[5][2] = {{-1, 0}, {0, -1}, {0, 0}, {0, 1}, {1, 0}};  // row, column
+    for (long y = 0; y < m; ++y) {
+        for (int k = 0; k < 5; ++k) {
+            const auto r = rows.row(0, y + cross4[k][0]);
+            for (long x = 0; x < n; ++x) {
+                const long c = x + cross4[k][1];
+                ASSERT_EQ(cross.ptr(k)[x], c < 0 ? r.left : c >= n ? r.right : r.p[c]) << "operand " << k << " y=" << y;
+            }
+        }
+        if (y + 1 < m) cross.nextRow();
     }
 }
 
