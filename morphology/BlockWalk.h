@@ -57,8 +57,8 @@ BlockOutput<Context> blockOutput(Context& ctx, int planes) {
 
 // Calls f(rows, out, stream) for a block that has voxels. rows: its input rows, read in place
 // (access::DirectRows) when the pass does not write the image it reads and the input can be read
-// so (rows need N + 1 voxels), else copied through the calling thread's plan cache
-// (access::PaddedRows, Planes plans at once). out: its output rows (blockOutput). stream: whether
+// so (rows need N + 1 voxels), else copied through the calling thread's caches
+// (access::PaddedRows). out: its output rows (blockOutput). stream: whether
 // to write them with streaming stores: large outputs in memory of a pass that does not read them
 // again, for kernels that ask for it (rows computed aside and then written would be read back from
 // memory).
@@ -73,10 +73,16 @@ LYN_INLINE void withBlock(const Block& block, Context& ctx, bool kernelStreams, 
     access::DirectRows<View> direct;
     if (!ctx.isInPlace() && direct.init(*ctx.getInputView(), block, SimdVec::Ops<typename Context::OutType>::N + 1))
         return f(direct, out, stream);
-    auto& cache = ctx.inputPlanCache();
-    if (!cache) ctx.createInputPlanCache(static_cast<unsigned long>(Planes));
-    access::PaddedRows<View> padded;
-    padded.init(*cache, block, Planes);
+    access::PaddedRows<View, Planes> padded;
+    if constexpr (Planes == 1) {
+        auto& cache = ctx.inputRowCache();
+        if (!cache) ctx.createInputRowCache(3);
+        padded.init(*cache, block);
+    } else {
+        auto& cache = ctx.inputPlanCache();
+        if (!cache) ctx.createInputPlanCache(Planes);
+        padded.init(*cache, block);
+    }
     f(padded, out, stream);
 }
 

@@ -196,15 +196,17 @@ TEST(DirectRowsTest, EdgesComeFromTheImageOrTheBorder) {
 }
 
 // The two ways kernels get a row hand them the same voxels: a row read in place with its two edge
-// voxels equals the copy PaddedRows makes, for blocks anywhere in the image, rows one outside the
-// block and plans up to two outside it (the band rolling on), in every sequence and spectral series.
+// voxels equals the copy PaddedRows makes (a band of plans, or a ring of rows in 2D), for blocks
+// anywhere in the image, rows one outside the block and plans up to two outside it (the band
+// rolling on), in every sequence and spectral series.
 TEST(DirectRowsTest, RowsReadInPlaceEqualTheCopies) {
     using View = access::View<float, SimdVec::AlignedAllocator<float, 32>>;
     MemoryImage image(Float, 23, 7, 5, 2, 2);
     std::mt19937 rng(3);
     for (std::uint64_t i = 0; i < image.getNumOfVoxels(); ++i) image.dataAs<float>()[i] = float(rng() % 1000);
     auto view = View::New(static_cast<const ImageModel*>(&image), access::FixedBorderCondition<float>::New(-1.5f));
-    auto cache = view->createPlanCacheRead(3);
+    auto plans = view->createPlanCacheRead(3);
+    auto rowCache = view->createRowCacheRead(3);
     for (int round = 0; round < 60; ++round) {
         const long c0 = long(rng() % 20), c1 = std::min(c0 + 1 + long(rng() % 23), 23L);
         const long r0 = long(rng() % 7), r1 = std::min(r0 + 1 + long(rng() % 3), 7L);
@@ -213,23 +215,25 @@ TEST(DirectRowsTest, RowsReadInPlaceEqualTheCopies) {
         const access::Block3d block(p0, p1, 1, r0, r1, 1, c0, c1, 1, s, l);
         access::DirectRows<View> direct;
         ASSERT_TRUE(direct.init(*view, block, 1));
-        access::PaddedRows<View> padded;
-        const int planes = 1 + 2 * int(round % 2);
-        padded.init(*cache, block, planes);
         const long n = c1 - c0;
-        for (long dz = -(planes / 2); dz <= p1 - p0 + 1; ++dz)
-            for (long dy = -1; dy <= r1 - r0; ++dy) {
-                const access::EdgedRow<float> a = direct.row(dz, dy), b = padded.row(dz, dy);
-                ASSERT_EQ(a.left, b.left) << round << " " << dz << " " << dy;
-                ASSERT_EQ(a.right, b.right) << round << " " << dz << " " << dy;
-                for (long x = 0; x < n; ++x) ASSERT_EQ(a.p[x], b.p[x]) << round << " x=" << x;
-            }
+        auto compare = [&](const auto& padded, long dz, long dy) {
+            const access::EdgedRow<float> a = direct.row(dz, dy), b = padded.row(dz, dy);
+            ASSERT_EQ(a.left, b.left) << round << " " << dz << " " << dy;
+            ASSERT_EQ(a.right, b.right) << round << " " << dz << " " << dy;
+            for (long x = 0; x < n; ++x) ASSERT_EQ(a.p[x], b.p[x]) << round << " x=" << x;
+        };
+        access::PaddedRows<View, 3> band;
+        band.init(*plans, block);
+        for (long dz = -1; dz <= p1 - p0 + 1; ++dz)
+            for (long dy = -1; dy <= r1 - r0; ++dy) compare(band, dz, dy);
+        // A 2D block's rows, asked for as kernels do: the row above, at and below each row.
+        access::PaddedRows<View, 1> ring;
+        ring.init(*rowCache, block);
+        for (long y = 0; y < r1 - r0; ++y)
+            for (long dy = -1; dy <= 1; ++dy) compare(ring, 0, y + dy);
     }
 }
 
-// The fixed-neighbourhood iterators point each operand where the fold-order tables say, in the
-// rows PaddedRows copies: operand k of the 6- and 18-neighbourhoods at kOffsets6[k] / kOffsets18[k],
-// the 4-neighbourhood's up, left, centre, right, down; through every row and plan of a block.
 TEST(IteratorTest, OperandsFollowTheFoldOrderTables) {
     using View = access::View<std::int32_t, SimdVec::AlignedAllocator<std::int32_t, 32>>;
     MemoryImage image(Int32, 11, 6, 5);
@@ -239,8 +243,8 @@ TEST(IteratorTest, OperandsFollowTheFoldOrderTables) {
     const access::Block3d block(1, 4, 1, 1, 5, 1, 2, 9, 1, 0, 0);
     const long n = 7, m = 4, p = 3;
     auto check = [&](auto& it, int count, auto offsetOf) {
-        access::PaddedRows<View> rows;
-        rows.init(*cache, block, 3);
+        access::PaddedRows<View, 3> rows;
+        rows.init(*cache, block);
         it.init(block);
         for (long z = 0; z < p; ++z) {
             for (long y = 0; y < m; ++y) {
@@ -265,8 +269,9 @@ TEST(IteratorTest, OperandsFollowTheFoldOrderTables) {
     // One plan of the same block as a 2D block: up, left, centre, right, down.
     const access::Block2d plane(1, 5, 1, 2, 9, 1, 2, 0, 0);  // rows 1-4, columns 2-8, plan 2
     access::IteratorNeighborhood2D_4<View, 8> cross(view, access::NoDataType{});
-    access::PaddedRows<View> rows;
-    rows.init(*cache, plane, 1);
+    auto rowCache = view->createRowCacheRead(3);
+    access::PaddedRows<View, 1> rows;
+    rows.init(*rowCache, plane);
     cross.init(plane);
     const int cross4[5][2] = {{-1, 0}, {0, -1}, {0, 0}, {0, 1}, {1, 0}};  // row, column
     for (long y = 0; y < m; ++y) {

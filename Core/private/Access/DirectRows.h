@@ -6,6 +6,8 @@
 // is copied; rows outside the image are one constant row of the border value; only for fixed
 // borders, which describe every outside voxel with one value. PaddedRows copies them, for every
 // other pass. Either way a kernel has one body.
+#include <array>
+#include <type_traits>
 #include <vector>
 
 #include "Core/private/Access/Block.h"
@@ -76,52 +78,66 @@ private:
 };
 
 // The same rows for passes that cannot read their input in place (they write the image they read,
-// or it is not in memory): copies with one margin voxel either side, in the calling thread's plan
-// cache. A plan is fetched whole (rows -1 to rows of the block) the first time one of its rows is
-// asked for, so an in-place pass has copied every input row before it writes the output rows of
-// that plan; `planes` plans are kept (1 for 2D, 3 for kernels reaching one plan either side), and
-// plans must be asked for in rising order. Rows of any width: a copy is readable from column -1 to
-// at least N, so a row narrower than a vector is one whole vector too.
-template <class View>
+// or it is not in memory): copies with one margin voxel either side, in the calling thread's
+// caches. With Planes == 1 (2D) rows are fetched one by one into a ring of three row slots, the
+// first time each is asked for; otherwise a plan is fetched whole (rows -1 to rows of the block)
+// into a band of Planes plan slots. Either way an in-place pass has copied every input row it
+// still needs before it writes the output row that replaces it, provided it asks for rows no
+// further than one ahead of the output row (plans: one plan ahead) and in rising order. Rows of
+// any width: a copy is readable from column -1 to at least N, so a row narrower than a vector is
+// one whole vector too.
+template <class View, int Planes>
 class PaddedRows {
 public:
     using T = typename View::value_type;
+    using Alloc = typename View::allocator_type;
     static constexpr bool kAnyWidth = true;
-    using Cache = PlanCacheRead<View, typename View::allocator_type>;
+    // The cache init takes: a row cache of three slots for 2D, a plan cache of Planes slots else.
+    using Cache = std::conditional_t<Planes == 1, RowCacheRead<View, Alloc>, PlanCacheRead<View, Alloc>>;
 
-    void init(const Cache& cache, const Block& block, int planes) {
+    void init(const Cache& cache, const Block& block) {
         m_cache = &cache;
         m_block = &block;
-        m_planes = planes;
         m_n = long(block.getNbCols());
-        m_first = -(planes / 2);
-        m_last = m_first - 1;
-        m_plans.assign(static_cast<std::size_t>(planes), nullptr);
-        while (m_last < m_first + planes - 1) fetchNext();
+        m_last = Planes == 1 ? -2 : -(Planes / 2) - 1;  // the last row (2D) or plan fetched
+        if constexpr (Planes > 1)
+            while (m_last < Planes / 2) fetchNext();
     }
 
     // Same contract as DirectRows::row; inlined for the same reason.
     __attribute__((always_inline)) EdgedRow<T> row(long planOffset, long rowOffset) const {
-        while (planOffset > m_last) fetchNext();
-        const T* p = m_plans[slot(planOffset)]->row(static_cast<unsigned long>(rowOffset + 1)).data() + 1;
+        const T* p;
+        if constexpr (Planes == 1) {
+            (void)planOffset;
+            while (rowOffset > m_last) fetchNext();
+            p = m_cache->row(static_cast<unsigned long>((rowOffset + 1) % 3)).data() + 1;
+        } else {
+            while (planOffset > m_last) fetchNext();
+            p = m_plans[slot(planOffset)]->row(static_cast<unsigned long>(rowOffset + 1)).data() + 1;
+        }
         return {p, p[-1], p[m_n]};
     }
 
 private:
-    std::size_t slot(long planOffset) const { return static_cast<std::size_t>((planOffset - m_first) % m_planes); }
+    static std::size_t slot(long planOffset) { return static_cast<std::size_t>((planOffset + Planes / 2) % Planes); }
+    // The next row (2D) or plan.
     __attribute__((noinline)) void fetchNext() const {
         ++m_last;
-        const std::size_t s = slot(m_last);
-        m_plans[s] = &m_cache->fetchPlanInBlock(s, static_cast<unsigned long>(m_n + 2), m_block->getNbRows() + 2, *m_block,
-                                                -1, -1, m_last, 0, 0);
+        if constexpr (Planes == 1) {
+            m_cache->fetchRowInBlock(static_cast<unsigned long>((m_last + 1) % 3), static_cast<unsigned long>(m_n + 2),
+                                     *m_block, -1, m_last, 0, 0, 0);
+        } else {
+            const std::size_t s = slot(m_last);
+            m_plans[s] = &m_cache->fetchPlanInBlock(s, static_cast<unsigned long>(m_n + 2), m_block->getNbRows() + 2,
+                                                    *m_block, -1, -1, m_last, 0, 0);
+        }
     }
 
     const Cache* m_cache = nullptr;
     const Block* m_block = nullptr;
-    int m_planes = 1;
-    long m_n = 0, m_first = 0;
+    long m_n = 0;
     mutable long m_last = 0;
-    mutable std::vector<const typename Cache::Plan*> m_plans;
+    mutable std::array<const typename PlanCacheRead<View, Alloc>::Plan*, Planes> m_plans{};
 };
 
 } // namespace access
