@@ -1,7 +1,7 @@
 #pragma once
 // Per-type entry points of the square and cube runners, and the kernel runs they choose from.
 // Declarations only: the AVX2 instances are compiled in SquareCubeKernels.cpp, once per functor
-// and neighbourhood (CMake builds that file ten times), so the runners' files carry no AVX2 code
+// and dimensionality (CMake builds that file four times), so the runners' files carry no AVX2 code
 // and the heavy instances compile in parallel.
 #include "host/Algorithms.h"
 #include "host/Neighbourhood.h"

@@ -1,33 +1,38 @@
-// The square and cube kernels of one functor and one neighbourhood, for the eight voxel types.
-// CMake compiles this file once per pair (LYN_FUNCTOR, LYN_NEIGHBOURHOOD): each pair is a heavy
-// set of instances, and apart they compile in parallel.
+// The square and cube kernels of one functor and one dimensionality (the 4- and 8-connected in
+// 2D, the 6-, 18- and 26-connected in 3D), for the eight voxel types. CMake compiles this file
+// once per pair (LYN_FUNCTOR, LYN_DIMS): four heavy objects that compile in parallel, each sharing
+// the parse of the headers and the common instances among its kernels.
 #include "morphology/SquareCubeDispatch.impl.h"
 
-#if !defined(LYN_FUNCTOR) || !defined(LYN_NEIGHBOURHOOD)
-#error "LYN_FUNCTOR and LYN_NEIGHBOURHOOD must be defined"
+#if !defined(LYN_FUNCTOR) || !defined(LYN_DIMS)
+#error "LYN_FUNCTOR and LYN_DIMS must be defined"
 #endif
+
+#define LYN_KERNEL_T(K, T)                                                                                   \
+    template void SquareCubeKernel<LYN_FUNCTOR, Neighbourhood::K>::run<T>(                                   \
+        BaseAlgorithm*, algorithms::AbstractPrivateImplementation*, const ImageModel*, ImageModel*, unsigned long);
+#define LYN_KERNEL(K)                                                                                        \
+    LYN_KERNEL_T(K, unsigned char)                                                                           \
+    LYN_KERNEL_T(K, unsigned short)                                                                          \
+    LYN_KERNEL_T(K, unsigned int)                                                                            \
+    LYN_KERNEL_T(K, signed char)                                                                             \
+    LYN_KERNEL_T(K, short)                                                                                   \
+    LYN_KERNEL_T(K, int)                                                                                     \
+    LYN_KERNEL_T(K, float)                                                                                   \
+    LYN_KERNEL_T(K, double)
 
 namespace lyn {
 namespace morphology {
 namespace details {
 
-using Kernel = SquareCubeKernel<LYN_FUNCTOR, Neighbourhood::LYN_NEIGHBOURHOOD>;
-template void Kernel::run<unsigned char>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<unsigned short>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<unsigned int>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<signed char>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<short>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<int>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<float>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
-template void Kernel::run<double>(BaseAlgorithm*, algorithms::AbstractPrivateImplementation*,
-                                              const ImageModel*, ImageModel*, unsigned long);
+#if LYN_DIMS == 2
+LYN_KERNEL(Cross4)
+LYN_KERNEL(Square8)
+#else
+LYN_KERNEL(Six)
+LYN_KERNEL(Eighteen)
+LYN_KERNEL(TwentySix)
+#endif
 
 } // namespace details
 } // namespace morphology
