@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "host/TemporaryImage.h"
+#include "morphology/Box.h"
+#include "morphology/Runners.h"
 #include "morphology/SquareCubeDispatchers.h"
 #include "morphology/StructuringElementDispatchers.h"
 
@@ -35,6 +37,26 @@ private:
     std::function<void(ChainStage*)> m_body;
 };
 
+// Progress and cancellation of a box run as one step of `step`.
+struct StepPoll : generic::BoxPoll {
+    algorithms::AbstractPrivateImplementation& step;
+    explicit StepPoll(algorithms::AbstractPrivateImplementation& s) : step(s) {}
+    bool cancelled() override { return step.isCancelled(); }
+    void progress(double fraction) override { step.reportFraction(fraction); }
+};
+
+// Square and cube stages of many passes go through the box, as the runners send them (Runners.h):
+// true when it computed the stage from `in` into `out`.
+template <class Functor>
+bool boxStage(algorithms::AbstractPrivateImplementation& step, Neighbourhood n, unsigned long passes,
+              const ImageModel& in, ImageModel& out, std::uint64_t budget) {
+    const generic::Stage stage{n, unsigned(passes), {}};
+    if (passes < kSimdBoxFromPasses || !generic::isBoxStage(stage) || !generic::boxEnabled()) return false;
+    StepPoll poll(step);
+    return runBoxSimd(in, out, stage, std::is_same_v<Functor, DilationFunctor>, budget, poll) ==
+           generic::BoxOutcome::Done;
+}
+
 // (neighbourhood, passes) in run order; stages of no pass are skipped.
 using Stages = std::vector<std::pair<Neighbourhood, unsigned long>>;
 
@@ -61,28 +83,47 @@ void runStages(BaseAlgorithm* algo, const ImageModel* input, ImageModel* output,
         const Extents e = output->extents();
         if (!temp->reserve(output->getVoxelType(), e[0], e[1], e[2], e[3], e[4])) temp = {};
     }
+    const std::uint64_t budget = algo->getMaximumExtraMemoryUsageInBytes();
     if (!temp) {
         bool first = true;
         for (const auto& [n, passes] : stages) {
             if (!passes) continue;
-            runSquareCubeStage<Functor, T>(&impl, n, first ? input : output, output, passes);
+            const ImageModel* source = first ? input : output;
+            const Neighbourhood neighbourhood = n;
+            ChainStage stage(1, [&, neighbourhood, passes = passes](ChainStage* self) {
+                if (!boxStage<Functor>(*self, neighbourhood, passes, *source, *output, budget))
+                    runSquareCubeStage<Functor, T>(self, neighbourhood, source, output, passes);
+            });
+            impl.runChildAlgo(&stage);
             first = false;
         }
         return;
     }
     ImageModel* const other = temp->getImageModel();
+    const std::uint64_t rest = budget - output->getSizeInBytes();
     bool toTemp = total % 2 == 0;  // so that the last pass lands in the output
     const ImageModel* source = input;
     for (const auto& [n, passes] : stages) {
         if (!passes) continue;
         const Neighbourhood neighbourhood = n;
-        ChainStage stage(passes, [&, neighbourhood, passes = passes](ChainStage* self) {
-            for (unsigned long i = 0; i < passes; ++i) {
-                ImageModel* target = toTemp ? other : output;
-                runSquareCubeStage<Functor, T>(self, neighbourhood, source, target, 1);
-                source = target;
-                toTemp = !toTemp;
+        ChainStage stage(1, [&, neighbourhood, passes = passes](ChainStage* self) {
+            // A box lands where the stage's last pass would: the parity of what follows holds.
+            ImageModel* const first = toTemp ? other : output;
+            ImageModel* const land = passes % 2 ? first : (first == other ? output : other);
+            if (boxStage<Functor>(*self, neighbourhood, passes, *source, *land, rest)) {
+                source = land;
+                toTemp = toTemp != (passes % 2 == 1);
+                return;
             }
+            ChainStage each(passes, [&](ChainStage* chain) {
+                for (unsigned long i = 0; i < passes; ++i) {
+                    ImageModel* target = toTemp ? other : output;
+                    runSquareCubeStage<Functor, T>(chain, neighbourhood, source, target, 1);
+                    source = target;
+                    toTemp = !toTemp;
+                }
+            });
+            self->runChildAlgo(&each);
         });
         impl.runChildAlgo(&stage);
     }

@@ -1,6 +1,7 @@
 #include "morphology/Runners.h"
 
 #include "host/generic/Generic.h"
+#include "morphology/Box.h"
 
 namespace lyn {
 namespace morphology {
@@ -23,17 +24,24 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
 bool runAsBox(SquareMorphology* algo, int dimensions) {
     const generic::Stage stage{generic::neighbourhoodOf(dimensions, algo->neighborhood.get()),
                                algo->kernelRadius.get(), {}};
-    if (stage.passes < kBoxFromPasses || !generic::isBoxStage(stage) || algo->hasPropertyImageOnDisk() ||
-        !generic::boxEnabled())
-        return false;
+    if (stage.passes < kSimdBoxFromPasses || !generic::isBoxStage(stage) || !generic::boxEnabled()) return false;
     struct AlgoPoll : generic::BoxPoll {
         BaseAlgorithm& algo;
         explicit AlgoPoll(BaseAlgorithm& a) : algo(a) {}
         bool cancelled() override { return algo.isCancelRequested(); }
         void progress(double fraction) override { algo.reportProgress(fraction); }
     } poll(*algo);
-    return generic::runBox(*algo->inputImage.get(), *algo->outputImage.get(), stage, algo->isDilation(),
-                           algo->getMaximumExtraMemoryUsageInBytes(), poll) == generic::BoxOutcome::Done;
+    const ImageModel& in = *algo->inputImage.get();
+    ImageModel& out = *algo->outputImage.get();
+    const std::uint64_t budget = algo->getMaximumExtraMemoryUsageInBytes();
+    const generic::BoxOutcome outcome = runBoxSimd(in, out, stage, algo->isDilation(), budget, poll);
+    if (outcome == generic::BoxOutcome::Done) return true;
+    // Where the fold order shows, only the passes give the bytes; a budget too narrow for the
+    // plug-in's buffers may still hold the host's narrower strips.
+    if (outcome == generic::BoxOutcome::FoldOrderShows || stage.passes < kBoxFromPasses ||
+        algo->hasPropertyImageOnDisk())
+        return false;
+    return generic::runBox(in, out, stage, algo->isDilation(), budget, poll) == generic::BoxOutcome::Done;
 }
 
 const PassLimits Dilation2dAVX2Runner::limits = {{46, 35, -1}};

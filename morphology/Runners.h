@@ -18,10 +18,13 @@ struct PassLimits {
 
 bool squareCubeRunnable(BaseAlgorithm* algo, const PassLimits& limits, SquareMorphology* typed);
 
-// From kBoxFromPasses square (cube) passes on, one box of the host's generic code costs less than
-// the passes (docs/performance.md, "Many passes in the host"): a runner lets it serve images in
-// memory, and runs its passes when the box steps aside (float NaN or zeros of both signs, memory
-// budget) or LYN_GENERIC_BOX is false. True when the box served the request.
+// From kSimdBoxFromPasses square (cube) passes on, images in memory go through the plug-in's box
+// (morphology/Box.h), whose cost grows as log2 of the passes: below, the passes cost less (about the
+// same at 3; docs/performance.md, "The plug-in's box"). Where it steps aside for want of room, the
+// host's box, whose strips can be narrower, serves from kBoxFromPasses passes on, where it costs
+// less than the passes (docs/performance.md, "Many passes in the host"). Images on disk, float NaN
+// or zeros of both signs, and LYN_GENERIC_BOX false keep the passes. True when a box served it.
+constexpr unsigned kSimdBoxFromPasses = 4;
 constexpr unsigned kBoxFromPasses = 8;
 bool runAsBox(SquareMorphology* algo, int dimensions);
 

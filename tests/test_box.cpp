@@ -1,5 +1,5 @@
-// The generic box (several square or cube passes as one separable box) against the plain passes of
-// the generic code, bit for bit: every voxel type, sizes around the vector widths and smaller than
+// The generic box and the plug-in's vector box (several square or cube passes as one separable box)
+// against the plain passes of the generic code, bit for bit: every voxel type, sizes around the vector widths and smaller than
 // the box, single-plan volumes, in place and not, 1 and 2 threads, images in memory and on disk,
 // float data with and without NaN and signed zeros; progress, cancellation checks and memory limits.
 #include <gtest/gtest.h>
@@ -22,7 +22,9 @@
 #include "host/Settings.h"
 #include "host/TemporaryImage.h"
 #include "host/generic/Generic.h"
+#include "morphology/Box.h"
 #include "morphology/Runners.h"
+#include "morphology/StructuringElementDispatchers.h"
 #include "tests/support.h"
 
 using namespace lyn;
@@ -131,6 +133,9 @@ struct BoxCase {
     }
 };
 
+enum class Impl { Host, Simd };
+Impl gImpl = Impl::Host;  // which box the checks below run
+
 // Runs the box on `input` (a copy of it in place) and returns the outcome; `out` holds the result.
 generic::BoxOutcome runBox(const BoxCase& c, const ImageModel& input, ImageModel& out, CountingPoll& poll,
                            std::uint64_t budget = kHuge) {
@@ -138,7 +143,11 @@ generic::BoxOutcome runBox(const BoxCase& c, const ImageModel& input, ImageModel
     const generic::Stage stage{c.dims == 2 ? generic::Neighbourhood::Square8 : generic::Neighbourhood::TwentySix,
                                c.passes, {}};
     tbb::task_arena arena(c.threads);
-    return arena.execute([&] { return generic::runBox(c.inPlace ? out : input, out, stage, c.dilate, budget, poll); });
+    return arena.execute([&] {
+        if (gImpl == Impl::Simd)
+            return morphology::runBoxSimd(c.inPlace ? out : input, out, stage, c.dilate, budget, poll);
+        return generic::runBox(c.inPlace ? out : input, out, stage, c.dilate, budget, poll);
+    });
 }
 
 // Box against plain passes; `expected` says whether the box must run or step aside (then it must
@@ -351,6 +360,168 @@ TEST(BoxTest, RunnersRouteManyPassesToTheBox) {
                     globalSettings()->unsetValue("LYN_GENERIC_BOX");
                     EXPECT_EQ(bytesOf(out), bytesOf(reference)) << voxelTypeName(t) << " " << dims << "D box=" << box;
                 }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The plug-in's box. Its routes: bands of a plan through a window of rows (wide rows) or as whole
+// arrays (short rows), whole plans in place, rows then strips (a single plan in place, or bands
+// that would not fit), and strips along plans for the cube.
+
+struct UseSimd {
+    UseSimd() { gImpl = Impl::Simd; }
+    ~UseSimd() { gImpl = Impl::Host; }
+};
+
+bool simdServes(VoxelTypes t) {
+    for (VoxelTypes s : lyn::test::kServed)
+        if (s == t) return true;
+    return false;
+}
+
+TEST(SimdBoxTest, EqualsThePlainPassesForEveryTypeRouteAndPassCount) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    struct Size {
+        int dims;
+        Extents extents;
+    };
+    const Size sizes[] = {
+        {2, {1, 1, 1, 1, 1}},    {2, {31, 5, 1, 1, 1}},   {2, {32, 33, 1, 1, 1}},  {2, {33, 7, 1, 1, 1}},
+        {2, {65, 40, 1, 1, 1}},  {2, {1, 40, 1, 1, 1}},   {2, {17, 6, 3, 1, 1}},   {2, {9, 8, 1, 2, 2}},
+        {2, {600, 21, 1, 1, 1}}, {2, {2100, 9, 1, 1, 1}},  // a window of rows for wide types, then for all
+        {3, {1, 1, 1, 1, 1}},    {3, {33, 17, 1, 1, 1}},  {3, {17, 9, 5, 1, 1}},   {3, {4, 3, 40, 1, 1}},
+        {3, {31, 2, 3, 2, 1}},   {3, {70, 12, 9, 1, 1}},
+    };
+    const unsigned passCounts[] = {2, 3, 4, 7, 36, 78, 133};
+    std::uint64_t seed = 1000;
+    for (const Size& s : sizes)
+        for (VoxelTypes t : kAllTypes)
+            for (unsigned passes : passCounts) {
+                const bool inPlace = (seed & 1) != 0;
+                const int threads = 1 + int(seed / 2 % 2);
+                for (bool dilate : {true, false})
+                    check(BoxCase{s.dims, s.extents, passes, dilate, inPlace, threads}, t, Data::Finite,
+                          simdServes(t) ? generic::BoxOutcome::Done : generic::BoxOutcome::NotABox, ++seed);
+            }
+}
+
+// Budgets from ample down to nothing: the route narrows (bands, then rows and strips, then narrower
+// strips), the bytes stay the passes', and below every route the box steps aside having written nothing.
+TEST(SimdBoxTest, NarrowerBudgetsTakeNarrowerRoutesOrStepAside) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    std::uint64_t seed = 2000;
+    for (int dims : {2, 3})
+        for (bool inPlace : {false, true}) {
+            const BoxCase c{dims, {300, 64, dims == 2 ? 1ul : 6ul, 1, 1}, 5, dims == 3, inPlace, 2};
+            const generic::Stage stage{dims == 2 ? Neighbourhood::Square8 : Neighbourhood::TwentySix, 5, {}};
+            std::uint64_t last = 0;
+            for (std::uint64_t budget : {kHuge, std::uint64_t(1) << 16, std::uint64_t(9000), std::uint64_t(3000),
+                                         std::uint64_t(600), std::uint64_t(0)}) {
+                const std::uint64_t bytes = morphology::boxSimdWorkingBytes(c.extents, 2, stage, inPlace, 2, budget);
+                if (bytes) {
+                    EXPECT_LT(bytes, budget);
+                }
+                if (last && bytes) {
+                    EXPECT_LE(bytes, last);
+                }
+                last = bytes ? bytes : last;
+                MemoryImage input(Int16, c.extents), reference(Int16, c.extents), out(Int16, c.extents);
+                fill(input, ++seed, Data::Finite);
+                plainPasses(dims, c.dilate, c.passes, input, reference);
+                std::memset(out.data(), 0x5a, out.getSizeInBytes());
+                const std::vector<char> before = inPlace ? bytesOf(input) : bytesOf(out);
+                CountingPoll poll;
+                const generic::BoxOutcome outcome = runBox(c, input, out, poll, budget);
+                const std::string what = c.name(Int16) + " budget " + std::to_string(budget);
+                ASSERT_EQ(outcome, bytes ? generic::BoxOutcome::Done : generic::BoxOutcome::OverBudget) << what;
+                EXPECT_EQ(bytesOf(out), bytes ? bytesOf(reference) : before) << what;
+            }
+        }
+}
+
+TEST(SimdBoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    const std::pair<Data, generic::BoxOutcome> rows[] = {{Data::Finite, generic::BoxOutcome::Done},
+                                                         {Data::NegativeZeros, generic::BoxOutcome::Done},
+                                                         {Data::SignedZeros, generic::BoxOutcome::FoldOrderShows},
+                                                         {Data::NaNs, generic::BoxOutcome::FoldOrderShows}};
+    std::uint64_t seed = 3000;
+    for (const auto& [data, outcome] : rows)
+        for (VoxelTypes t : {Float, Double})
+            for (int dims : {2, 3})
+                for (bool inPlace : {false, true})
+                    check(BoxCase{dims, {37, 19, dims == 2 ? 1ul : 4ul, 1, 1}, 5, dims == 2, inPlace, 2}, t, data,
+                          outcome, ++seed);
+}
+
+// Cancellation is asked before every row a band reads and every line of a strip: at least once per
+// sweep (each about a pass's worth of work) on an image smaller than the box, and once per pass the
+// box replaces on a larger one; a yes stops the run.
+TEST(SimdBoxTest, CancellationIsAskedAtLeastOncePerPassAndStopsTheRun) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    for (int dims : {2, 3})
+        for (const Extents& e : {Extents{50, 40, dims == 2 ? 1ul : 30ul, 1, 1}, Extents{3, 1, 1, 1, 1}})
+            for (unsigned passes : {4u, 20u}) {
+                const BoxCase c{dims, e, passes, true, false, 2};
+                MemoryImage in(UInt16, c.extents), out(UInt16, c.extents);
+                fill(in, 7, Data::Finite);
+                CountingPoll poll;
+                ASSERT_EQ(runBox(c, in, out, poll), generic::BoxOutcome::Done);
+                EXPECT_GE(poll.asked.load(), e[1] > 1 ? long(passes) : long(dims)) << c.name(UInt16);
+                EXPECT_EQ(poll.highest.load(), 1.0) << c.name(UInt16);
+
+                CountingPoll cancel;
+                cancel.cancelFrom = 3;
+                EXPECT_THROW(runBox(c, in, out, cancel), ExceptionCancelation) << c.name(UInt16);
+                EXPECT_LE(cancel.asked.load(), 3 + 2) << "each thread stops at its next question";
+            }
+}
+
+// Through the runners and the fast disk's and ball's decompositions, from the first pass count the
+// plug-in's box serves, with and without room for the decomposition's temporary image, in place and
+// not: the same bytes as with every box off.
+TEST(SimdBoxTest, RunnersAndDecompositionsKeepTheirBytes) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    using morphology::AVX2OneTypeMinMaxRunner;
+    const AVX2OneTypeMinMaxRunner<morphology::DilationDisk2d, morphology::DilationDisk2dAVX2Dispatcher> disk;
+    const AVX2OneTypeMinMaxRunner<morphology::ErosionBall3d, morphology::ErosionBall3dAVX2Dispatcher> ball;
+    const morphology::Erosion2dAVX2Runner square;
+    const morphology::Dilation3dAVX2Runner cube;
+    std::uint64_t seed = 4000;
+    for (VoxelTypes t : {UInt8, Int32, Float})
+        for (int shape = 0; shape < 4; ++shape)
+            for (unsigned radius : {morphology::kSimdBoxFromPasses, 9u, 41u})
+                for (bool inPlace : {false, true})
+                    for (std::uint64_t budget : {kHuge, std::uint64_t(1) << 15}) {
+                        const bool flat = shape == 0 || shape == 2;
+                        const Extents e{45, 38, flat ? 1ul : 9ul, 1, 1};
+                        MemoryImage in(t, e), on(t, e), off(t, e);
+                        fill(in, ++seed, Data::Finite);
+                        for (MemoryImage* out : {&on, &off}) {
+                            if (inPlace) copyInto(in, *out);
+                            const ImageModel* source = inPlace ? out : &in;
+                            std::unique_ptr<BaseAlgorithm> owner;
+                            auto setUp = [&](auto algo, auto& runner) {
+                                algo->inputImage = source;
+                                algo->outputImage = out;
+                                algo->kernelRadius = radius;
+                                algo->setMaximumExtraMemoryUsageInBytes(budget);
+                                if (out == &off) globalSettings()->setValue("LYN_GENERIC_BOX", "0");
+                                runner.run(algo.get());
+                                globalSettings()->unsetValue("LYN_GENERIC_BOX");
+                            };
+                            if (shape == 0) setUp(std::make_unique<morphology::DilationDisk2d>(), disk);
+                            if (shape == 1) setUp(std::make_unique<morphology::ErosionBall3d>(), ball);
+                            if (shape == 2) setUp(makeSquare(2, false), square);
+                            if (shape == 3) setUp(makeSquare(3, true), cube);
+                        }
+                        EXPECT_EQ(bytesOf(on), bytesOf(off))
+                            << voxelTypeName(t) << " shape " << shape << " radius " << radius
+                            << (inPlace ? " in place" : "") << " budget " << budget;
+                    }
 }
 
 } // namespace

@@ -1,0 +1,463 @@
+// The box of several square (cube) passes in vector code. N passes give, at each voxel, the
+// extremum over the box of side 2N + 1 clipped to the image, with the border value joining where
+// the box leaves it (host/generic/Box.cpp says why), so each axis in turn takes the extremum of
+// 2N + 1 neighbours of its lines padded by N border values, the reach clamped to the line's length.
+//
+// Along rows: the padded row in the worker's cache, folded with itself shifted by 1, 2, 4, ... (p
+// the largest power of two not above 2N + 1); two such runs overlapping cover the window.
+// Along columns and plans: the same doubling over a stream of lines (Window): the lines come in
+// order, each level keeps the few lines it still needs, and each line costs log2(p) + 1 folds.
+//
+// A plan's rows go through both of its axes in one sweep (a band): each input row is boxed along x
+// into the window, and each output row leaves it whole. Plans, or bands of a plan, run in parallel;
+// a band cut from a plan boxes the rows of its edges again. The plans of a cube then go through a
+// second sweep, along plans, in strips of columns. In place, a band is a whole plan (a band writes a
+// row only after reading every row within reach below it, and no other band reads it); a single
+// plan in place goes as rows and then strips along columns.
+#include "morphology/Box.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <type_traits>
+#include <vector>
+
+#include <tbb/blocked_range.h>
+#include <tbb/enumerable_thread_specific.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+
+#include "host/Exceptions.h"
+#include "host/generic/Fold.h"
+#include "simd/SimdVec.h"
+
+namespace lyn {
+namespace morphology {
+namespace {
+
+constexpr std::uint64_t kWorkerBytes = std::uint64_t(1) << 20;
+// A band's buffers, and the window of a strip along columns or plans, aim at sizes that stay in L2.
+constexpr std::uint64_t kBandBytes = std::uint64_t(512) << 10;
+constexpr std::uint64_t kStripBytes = std::uint64_t(256) << 10;
+constexpr std::uint64_t kRingRowBytes = 2048;
+
+long log2Floor(long k) {
+    long l = 0;
+    while ((2L << l) <= k) ++l;
+    return l;
+}
+// Lines a Window of reach r holds: k + log2(p) for k = 2r + 1.
+long windowLines(long r) { return 2 * r + 1 + log2Floor(2 * r + 1); }
+
+struct Plan {
+    long n[5] = {0, 0, 0, 0, 0};
+    long r[3] = {0, 0, 0};
+    int axes = 2;
+    bool fused = false;      // each plan's two axes in one sweep of bands
+    bool ring = false;       // fused: bands stream their rows through a Window
+    long height = 1;         // output rows per band when fused
+    long stripColumns[3] = {0, 0, 0};  // the columns a strip runs over: a row, or a flattened plan
+    long stripWidth[3] = {0, 0, 0};
+    std::uint64_t perWorker = 0;  // bytes
+};
+
+// Chooses the route and the strip widths; false when the buffers cannot fit the limits. `flatPlans`:
+// the plans' rows are contiguous, so a sweep along plans may take strips across rows.
+bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage& stage, bool inPlace, bool flatPlans,
+              int threads, std::uint64_t budget) {
+    for (int a = 0; a < 5; ++a) g.n[a] = long(e[a]);
+    g.axes = stage.neighbourhood == Neighbourhood::TwentySix ? 3 : 2;
+    for (int a = 0; a < g.axes; ++a) g.r[a] = std::min<long>(long(stage.passes), g.n[a]);
+    if (budget == 0) return false;
+    const std::uint64_t workers = std::uint64_t(std::max(1, threads));
+    std::uint64_t image = size;
+    for (int a = 0; a < 5; ++a) image *= e[a];
+    const std::uint64_t cap = std::min(std::max(kWorkerBytes, image / workers), (budget - 1) / workers);
+    const long wanted = 4 * long(workers);
+    const long plans = g.n[2] * g.n[3] * g.n[4];
+    const std::uint64_t padBytes = std::uint64_t(g.n[0] + 2 * g.r[0]) * size;
+    // Wide rows stream through a window of rows (few calls per row, little to hold); short rows go
+    // a band at a time, as whole arrays, where per-row calls would cost more than the folds.
+    g.ring = padBytes >= kRingRowBytes;
+    // Ring: a window of rows and the padded row. Flat: a band of h output rows holds its h + 2r
+    // input rows twice, padded: as read and folded along x, then folded along y.
+    auto bandBytes = [&](long h) {
+        if (g.ring) return std::uint64_t(windowLines(g.r[1])) * std::uint64_t(g.n[0]) * size + padBytes;
+        return 2 * std::uint64_t(h + 2 * g.r[1]) * padBytes;
+    };
+    if (inPlace) {
+        // Whole plans only: a band cut from a plan would overwrite rows its neighbour still reads.
+        g.height = g.n[1];
+        g.fused = bandBytes(g.height) <= cap && plans >= long(workers);
+    } else {
+        // Enough bands for the workers, each at least 2r rows high: a band boxes the rows of its
+        // edges again, and fewer rows than that would cost more than a second sweep.
+        const long perPlan = (wanted + plans - 1) / plans;
+        long h = std::min(g.n[1], std::max((g.n[1] + perPlan - 1) / perPlan, 2 * g.r[1]));
+        if (!g.ring) h = std::min(h, long(std::min(cap, kBandBytes) / (2 * padBytes)) - 2 * g.r[1]);
+        g.fused = h >= std::min(2 * g.r[1], g.n[1]) && h > 0 && bandBytes(h) <= cap;
+        g.height = std::max(h, 1L);
+    }
+    if (g.fused) {
+        g.perWorker = bandBytes(g.height);
+    } else {
+        if (padBytes > cap) return false;
+        g.perWorker = padBytes;
+    }
+    const long line = std::max<long>(1, long(64 / size));
+    for (int a = g.fused ? 2 : 1; a < g.axes; ++a) {
+        g.stripColumns[a] = a == 2 && flatPlans ? g.n[0] * g.n[1] : g.n[0];
+        const long across = g.n[0] * g.n[1] * plans / g.n[a] / g.stripColumns[a];
+        const std::uint64_t perColumn = std::uint64_t(windowLines(g.r[a])) * size;
+        const long want = std::max<long>(1, (wanted + across - 1) / std::max(across, 1L));
+        long w = long(std::min<std::uint64_t>(std::uint64_t(g.stripColumns[a]), std::min(cap, kStripBytes) / perColumn));
+        w = std::min(w, (g.stripColumns[a] + want - 1) / want);
+        if (w < g.stripColumns[a] && w >= line) w -= w % line;
+        w = std::max(w, 1L);
+        if (perColumn * std::uint64_t(w) > cap) return false;
+        g.stripWidth[a] = w;
+        g.perWorker = std::max(g.perWorker, perColumn * std::uint64_t(w));
+    }
+    return true;
+}
+
+} // namespace
+} // namespace morphology
+} // namespace lyn
+
+LYN_AVX2_BEGIN
+namespace lyn {
+namespace morphology {
+namespace {
+
+template <bool D, class T>
+struct Fold {
+    using O = SimdVec::Ops<T>;
+    static constexpr long N = long(O::N);
+    static LYN_INLINE typename O::V v(typename O::V a, typename O::V b) {
+        if constexpr (D) return O::max(a, b);
+        else return O::min(a, b);
+    }
+    // out[i] = f(a[i], b[i]). `out` may be `a` with `b` ahead of it: each vector is loaded before
+    // its store, and stores never reach what a later vector loads.
+    static LYN_INLINE void arrays(T* out, const T* a, const T* b, long n) {
+        long i = 0;
+        for (; i + 2 * N <= n; i += 2 * N) {
+            const auto x = v(O::load(a + i), O::load(b + i));
+            const auto y = v(O::load(a + i + N), O::load(b + i + N));
+            O::store(out + i, x);
+            O::store(out + i + N, y);
+        }
+        for (; i + N <= n; i += N) O::store(out + i, v(O::load(a + i), O::load(b + i)));
+        for (; i < n; ++i) out[i] = generic::f<D>(a[i], b[i]);
+    }
+};
+
+// `row` (n voxels) boxed along itself with reach r into `out`, which may be `row`; `pad` holds
+// n + 2r voxels.
+template <bool D, class T>
+void boxRow(const T* row, long n, long r, T border, T* pad, T* out) {
+    const long k = 2 * r + 1;
+    std::fill_n(pad, r, border);
+    std::memcpy(pad + r, row, std::size_t(n) * sizeof(T));
+    std::fill_n(pad + r + n, r, border);
+    long p = 1, valid = n + 2 * r;
+    for (; 2 * p <= k; p *= 2) {
+        Fold<D, T>::arrays(pad, pad, pad + p, valid - p);
+        valid -= p;
+    }
+    Fold<D, T>::arrays(out, pad, pad + (k - p), n);
+}
+
+// The extremum of every k = 2r + 1 consecutive lines (w voxels each) of a stream, by doubling:
+// level l holds the folds of 2^l consecutive lines, in a ring of the 2^l + 1 it still needs (the
+// last level: the k - p + 1 the windows read). Fill slot(), then push(): from the k-th line on,
+// it gives the two level-L lines whose fold is the window that ends at that line.
+template <bool D, class T>
+class Window {
+public:
+    void reset(long r, long w, std::vector<T>& storage) {
+        m_k = 2 * r + 1;
+        m_levels = log2Floor(m_k);
+        m_p = 1L << m_levels;
+        m_w = w;
+        m_j = -1;
+        long at = 0;
+        for (long l = 0; l <= m_levels; ++l) {
+            m_base[l] = at;
+            m_size[l] = l < m_levels ? (1L << l) + 1 : m_k - m_p + 1;
+            at += m_size[l];
+        }
+        if (storage.size() < std::size_t(at * w)) storage.resize(std::size_t(at * w));
+        m_data = storage.data();
+    }
+    T* slot() { return line(0, m_j + 1); }
+    bool push(const T*& a, const T*& b) {
+        ++m_j;
+        for (long l = 1; l <= m_levels; ++l) {
+            const long at = m_j - (1L << l) + 1;
+            if (at < 0) break;
+            Fold<D, T>::arrays(line(l, at), line(l - 1, at), line(l - 1, at + (1L << (l - 1))), m_w);
+        }
+        if (m_j < m_k - 1) return false;
+        const long start = m_j - m_k + 1;
+        a = line(m_levels, start);
+        b = line(m_levels, start + m_k - m_p);
+        return true;
+    }
+
+private:
+    T* line(long level, long index) { return m_data + (m_base[level] + index % m_size[level]) * m_w; }
+    long m_k = 0, m_p = 0, m_levels = 0, m_w = 0, m_j = -1;
+    long m_base[64] = {}, m_size[64] = {};
+    T* m_data = nullptr;
+};
+
+template <class T>
+struct Scratch {
+    std::vector<T> pad, window;
+    Window<true, T> dilate;
+    Window<false, T> erode;
+    template <bool D>
+    Window<D, T>& win() {
+        if constexpr (D) return dilate;
+        else return erode;
+    }
+};
+
+// Whether float data holds a NaN, or zeros of both signs, where the fold order shows.
+template <class T>
+bool foldOrderShows(const MemoryLayout& m, const long* n, generic::BoxPoll& poll) {
+    if constexpr (!std::is_floating_point_v<T>) {
+        return false;
+    } else {
+        using O = SimdVec::Ops<T>;
+        constexpr long N = long(O::N);
+        using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+        constexpr U sign = U(1) << (8 * sizeof(T) - 1);
+        constexpr U infinity = sizeof(T) == 4 ? U(0x7f800000u) : U(0x7ff0000000000000ull);
+        const __m256i signs = sizeof(T) == 4 ? _mm256_set1_epi32(int(0x80000000u)) : _mm256_set1_epi64x(static_cast<long long>(sign));
+        const long rows = n[1] * n[2] * n[3] * n[4];
+        std::atomic<bool> nan{false}, negative{false}, positive{false};
+        tbb::parallel_for(tbb::blocked_range<long>(0, rows, 64), [&](const tbb::blocked_range<long>& range) {
+            if (poll.cancelled()) throw ExceptionCancelation();
+            __m256i isNan = _mm256_setzero_si256(), isNeg = isNan, isPos = isNan;
+            bool tailNan = false, tailNeg = false, tailPos = false;
+            for (long q = range.begin(); q != range.end(); ++q) {
+                const T* row = reinterpret_cast<const T*>(m.base + q % n[1] * m.strides[1] +
+                                                          q / n[1] % n[2] * m.strides[2] +
+                                                          q / n[1] / n[2] % n[3] * m.strides[3] +
+                                                          q / n[1] / n[2] / n[3] * m.strides[4]);
+                long x = 0;
+                for (; x + N <= n[0]; x += N) {
+                    const auto v = O::load(row + x);
+                    const __m256i bits = O::bits(v);
+                    if constexpr (sizeof(T) == 4) {
+                        isNan = _mm256_or_si256(isNan, _mm256_castps_si256(_mm256_cmp_ps(v, v, _CMP_UNORD_Q)));
+                        isNeg = _mm256_or_si256(isNeg, _mm256_cmpeq_epi32(bits, signs));
+                        isPos = _mm256_or_si256(isPos, _mm256_cmpeq_epi32(bits, _mm256_setzero_si256()));
+                    } else {
+                        isNan = _mm256_or_si256(isNan, _mm256_castpd_si256(_mm256_cmp_pd(v, v, _CMP_UNORD_Q)));
+                        isNeg = _mm256_or_si256(isNeg, _mm256_cmpeq_epi64(bits, signs));
+                        isPos = _mm256_or_si256(isPos, _mm256_cmpeq_epi64(bits, _mm256_setzero_si256()));
+                    }
+                }
+                for (; x < n[0]; ++x) {
+                    U u;
+                    std::memcpy(&u, row + x, sizeof u);
+                    tailNan |= (u & ~sign) > infinity;
+                    tailNeg |= u == sign;
+                    tailPos |= u == 0;
+                }
+            }
+            if (tailNan || !_mm256_testz_si256(isNan, isNan)) nan = true;
+            if (tailNeg || !_mm256_testz_si256(isNeg, isNeg)) negative = true;
+            if (tailPos || !_mm256_testz_si256(isPos, isPos)) positive = true;
+        });
+        return nan || (negative && positive);
+    }
+}
+
+template <bool D, class T>
+generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, const Extents& e, bool inPlace,
+                             const generic::Stage& stage, T border, std::uint64_t budget, generic::BoxPoll& poll) {
+    Plan g;
+    const bool flatPlans = out.strides[1] == long(e[0] * sizeof(T));
+    if (!makePlan(g, e, sizeof(T), stage, inPlace, flatPlans, tbb::this_task_arena::max_concurrency(), budget))
+        return generic::BoxOutcome::OverBudget;
+    const long voxels = g.n[0] * g.n[1] * g.n[2] * g.n[3] * g.n[4];
+    if (voxels == 0) return generic::BoxOutcome::Done;
+    if (foldOrderShows<T>(in, g.n, poll)) return generic::BoxOutcome::FoldOrderShows;
+
+    const long plans = g.n[2] * g.n[3] * g.n[4];
+    // Plan q of the flattened plans, sequences and spectra.
+    auto planOffset = [&](const MemoryLayout& m, long q) {
+        return q % g.n[2] * m.strides[2] + q / g.n[2] % g.n[3] * m.strides[3] + q / g.n[2] / g.n[3] * m.strides[4];
+    };
+    auto rowOf = [&](const MemoryLayout& m, long q, long y) {
+        return reinterpret_cast<T*>(m.base + planOffset(m, q) + y * m.strides[1]);
+    };
+    tbb::enumerable_thread_specific<Scratch<T>> scratch;
+    const double total = double(voxels) * (g.fused ? g.axes - 1 : g.axes);
+    std::atomic<long> done{0};
+    auto sweep = [&](long tasks, auto&& task) {
+        tbb::parallel_for(tbb::blocked_range<long>(0, tasks, 1), [&](const tbb::blocked_range<long>& range) {
+            Scratch<T>& s = scratch.local();
+            for (long t = range.begin(); t != range.end(); ++t) {
+                const long finished = task(t, s);
+                poll.progress(double(done.fetch_add(finished) + finished) / total);
+            }
+        });
+    };
+    // The window of reach r over lines 0 .. count - 1 of w voxels (border beyond them), giving the
+    // output lines [from, to): line i is written once every line within reach below it has been
+    // read, so in place is safe.
+    auto stream = [&](Scratch<T>& s, long r, long from, long to, long count, long w, auto&& readLine,
+                      auto&& outLine) {
+        Window<D, T>& win = s.template win<D>();
+        win.reset(r, w, s.window);
+        const T *a, *b;
+        for (long j = from - r; j < to + r; ++j) {
+            if (poll.cancelled()) throw ExceptionCancelation();
+            T* line = win.slot();
+            if (j >= 0 && j < count) readLine(j, line);
+            else std::fill_n(line, w, border);
+            if (win.push(a, b)) Fold<D, T>::arrays(outLine(j - r), a, b, w);
+        }
+    };
+
+    if (g.fused && g.ring) {
+        const long h = g.height, bands = (g.n[1] + h - 1) / h;
+        sweep(plans * bands, [&](long t, Scratch<T>& s) {
+            const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
+            s.pad.resize(std::size_t(g.n[0] + 2 * g.r[0]));
+            stream(s, g.r[1], y0, y1, g.n[1], g.n[0],
+                   [&](long y, T* line) { boxRow<D>(rowOf(in, q, y), g.n[0], g.r[0], border, s.pad.data(), line); },
+                   [&](long y) { return rowOf(out, q, y); });
+            return (y1 - y0) * g.n[0];
+        });
+    } else if (g.fused) {
+        const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = g.n[0] + 2 * g.r[0];
+        const long k0 = 2 * g.r[0] + 1, k1 = 2 * g.r[1] + 1;
+        const long p0 = 1L << log2Floor(k0), p1 = 1L << log2Floor(k1);
+        sweep(plans * bands, [&](long t, Scratch<T>& s) {
+            const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
+            const long m = y1 - y0 + 2 * g.r[1];  // input rows y0 - r .. y1 + r - 1
+            s.pad.resize(std::size_t(2 * m * pitch));
+            T* const a = s.pad.data();
+            T* const b = a + m * pitch;
+            for (long i = 0; i < m; ++i) {
+                if (poll.cancelled()) throw ExceptionCancelation();
+                T* row = a + i * pitch;
+                const long y = y0 - g.r[1] + i;
+                if (y < 0 || y >= g.n[1]) {
+                    std::fill_n(row, pitch, border);
+                    continue;
+                }
+                std::fill_n(row, g.r[0], border);
+                std::memcpy(row + g.r[0], rowOf(in, q, y), std::size_t(g.n[0]) * sizeof(T));
+                std::fill_n(row + g.r[0] + g.n[0], g.r[0], border);
+            }
+            // Along x over the whole band at once: folds reaching past a row's end spoil only its
+            // last voxels, which no later step reads.
+            long valid = m * pitch;
+            for (long p = 1; 2 * p <= k0; p *= 2) {
+                Fold<D, T>::arrays(a, a, a + p, valid - p);
+                valid -= p;
+            }
+            Fold<D, T>::arrays(b, a, a + (k0 - p0), valid - (k0 - p0));
+            // Along y: rows folded with the rows 1, 2, 4, ... below.
+            long rows = m;
+            for (long p = 1; 2 * p <= k1; p *= 2) {
+                if (poll.cancelled()) throw ExceptionCancelation();
+                Fold<D, T>::arrays(b, b, b + p * pitch, (rows - p) * pitch);
+                rows -= p;
+            }
+            for (long y = y0; y < y1; ++y) {
+                const T* top = b + (y - y0) * pitch;
+                Fold<D, T>::arrays(rowOf(out, q, y), top, top + (k1 - p1) * pitch, g.n[0]);
+            }
+            return (y1 - y0) * g.n[0];
+        });
+    } else {
+        sweep(plans * g.n[1], [&](long t, Scratch<T>& s) {
+            if (poll.cancelled()) throw ExceptionCancelation();
+            s.pad.resize(std::size_t(g.n[0] + 2 * g.r[0]));
+            boxRow<D>(rowOf(in, t / g.n[1], t % g.n[1]), g.n[0], g.r[0], border, s.pad.data(),
+                      rowOf(out, t / g.n[1], t % g.n[1]));
+            return g.n[0];
+        });
+    }
+    // Sweeps along columns (unfused) and plans, in place on the output, in strips of columns.
+    for (int axis = g.fused ? 2 : 1; axis < g.axes; ++axis) {
+        const long columns = g.stripColumns[axis], w = g.stripWidth[axis], strips = (columns + w - 1) / w;
+        const long across = g.n[0] * g.n[1] * plans / g.n[axis] / columns;
+        const std::int64_t step = out.strides[axis];
+        sweep(strips * across, [&](long t, Scratch<T>& s) {
+            const long x0 = t % strips * w, width = std::min(w, columns - x0), c = t / strips;
+            // The first voxel of the strip's line 0: a row (of a plan, for axis 2) or a flattened plan.
+            char* base = out.base + x0 * long(sizeof(T));
+            if (axis == 1) {
+                base += planOffset(out, c);
+            } else if (columns == g.n[0]) {
+                base += c % g.n[1] * out.strides[1] + c / g.n[1] % g.n[3] * out.strides[3] +
+                        c / g.n[1] / g.n[3] * out.strides[4];
+            } else {
+                base += c % g.n[3] * out.strides[3] + c / g.n[3] * out.strides[4];
+            }
+            auto at = [&](long i) { return reinterpret_cast<T*>(base + i * step); };
+            stream(s, g.r[axis], 0, g.n[axis], g.n[axis], width,
+                   [&](long i, T* line) { std::memcpy(line, at(i), std::size_t(width) * sizeof(T)); },
+                   [&](long i) { return at(i); });
+            return width * g.n[axis];
+        });
+    }
+    return generic::BoxOutcome::Done;
+}
+
+} // namespace
+} // namespace morphology
+} // namespace lyn
+LYN_AVX2_END
+
+namespace lyn {
+namespace morphology {
+
+std::uint64_t boxSimdWorkingBytes(const Extents& extents, std::size_t elementSize, const generic::Stage& stage,
+                                  bool inPlace, int threads, std::uint64_t memoryBudget) {
+    Plan g;
+    if (!generic::isBoxStage(stage) || !makePlan(g, extents, elementSize, stage, inPlace, true, threads, memoryBudget))
+        return 0;
+    return g.perWorker * std::uint64_t(std::max(1, threads));
+}
+
+generic::BoxOutcome runBoxSimd(const ImageModel& source, ImageModel& output, const generic::Stage& stage, bool dilate,
+                               std::uint64_t memoryBudget, generic::BoxPoll& poll) {
+    MemoryLayout in, out;
+    const VoxelTypes t = output.getVoxelType();
+    if (!generic::isBoxStage(stage) || source.getVoxelType() != t || source.extents() != output.extents() ||
+        !source.getMemoryLayout(in) || !output.getMemoryLayout(out))
+        return generic::BoxOutcome::NotABox;
+    const Extents e = output.extents();
+    auto typed = [&](auto traits) {
+        using T = typename decltype(traits)::type;
+        if (in.strides[0] != long(sizeof(T)) || out.strides[0] != long(sizeof(T))) return generic::BoxOutcome::NotABox;
+        const bool inPlace = &source == &output || in.base == out.base;
+        if (dilate) return runTyped<true, T>(in, out, e, inPlace, stage, traits.lowest(), memoryBudget, poll);
+        return runTyped<false, T>(in, out, e, inPlace, stage, traits.highest(), memoryBudget, poll);
+    };
+    switch (t) {
+    case UInt8: return typed(VoxelTraits<UInt8>{});
+    case UInt16: return typed(VoxelTraits<UInt16>{});
+    case UInt32: return typed(VoxelTraits<UInt32>{});
+    case Int8: return typed(VoxelTraits<Int8>{});
+    case Int16: return typed(VoxelTraits<Int16>{});
+    case Int32: return typed(VoxelTraits<Int32>{});
+    case Float: return typed(VoxelTraits<Float>{});
+    case Double: return typed(VoxelTraits<Double>{});
+    default: return generic::BoxOutcome::NotABox;
+    }
+}
+
+} // namespace morphology
+} // namespace lyn

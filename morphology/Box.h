@@ -1,0 +1,25 @@
+#pragma once
+// Several square (cube) passes as one box of side 2N + 1 in vector code: the host's box
+// (host/generic/Generic.h) for images in memory, with each plan's rows boxed along both of its
+// axes in one sweep while they stay in cache. Same outcomes and the same contract: it steps aside,
+// having written nothing, where the fold order would show or its buffers would not fit.
+#include <cstdint>
+
+#include "host/generic/Generic.h"
+
+namespace lyn {
+namespace morphology {
+
+// Images in memory with contiguous rows only; NotABox for anything else (the caller's other routes
+// serve it). `source` may be `output`.
+generic::BoxOutcome runBoxSimd(const ImageModel& source, ImageModel& output, const generic::Stage& stage, bool dilate,
+                               std::uint64_t memoryBudget, generic::BoxPoll& poll);
+
+// The buffers runBoxSimd would take for such images, all workers together; 0 when it would step
+// aside for want of room. Strictly below the budget, and per worker within 1 MiB or the image's
+// share, whichever is larger.
+std::uint64_t boxSimdWorkingBytes(const Extents& extents, std::size_t elementSize, const generic::Stage& stage,
+                                  bool inPlace, int threads, std::uint64_t memoryBudget);
+
+} // namespace morphology
+} // namespace lyn
