@@ -37,7 +37,7 @@ namespace {
 
 constexpr std::uint64_t kWorkerBytes = std::uint64_t(1) << 20;
 // A band's buffers, and the window of a strip along columns or plans, aim at sizes that stay in L2.
-constexpr std::uint64_t kBandBytes = std::uint64_t(512) << 10;
+constexpr std::uint64_t kBandBytes = std::uint64_t(768) << 10;
 constexpr std::uint64_t kStripBytes = std::uint64_t(256) << 10;
 constexpr std::uint64_t kRingRowBytes = 2048;
 
@@ -46,8 +46,10 @@ long log2Floor(long k) {
     while ((2L << l) <= k) ++l;
     return l;
 }
-// Lines a Window of reach r holds: k + log2(p) for k = 2r + 1.
-long windowLines(long r) { return 2 * r + 1 + log2Floor(2 * r + 1); }
+// Whether a Window of reach r takes segments (van Herk/Gil-Werman) rather than doubling, which
+// folds log2(2r + 1) + 1 times a line against three, and the lines it holds.
+bool bySegments(long r) { return log2Floor(2 * r + 1) > 2; }
+long windowLines(long r) { return bySegments(r) ? 2 * (2 * r + 1) + 1 : 2 * r + 1 + log2Floor(2 * r + 1); }
 
 struct Plan {
     long n[5] = {0, 0, 0, 0, 0};
@@ -153,15 +155,24 @@ struct Fold {
     }
 };
 
+// The first doubling step straight from `row` (n voxels) padded by r >= 1 border values at each
+// end, E: pad[i] = f(E[i], E[i + 1]) for i < n + 2r - 1.
+template <bool D, class T>
+LYN_INLINE void firstStep(const T* row, long n, long r, T border, T* pad) {
+    std::fill_n(pad, r - 1, border);
+    pad[r - 1] = generic::f<D>(border, row[0]);
+    Fold<D, T>::arrays(pad + r, row, row + 1, n - 1);
+    pad[r + n - 1] = generic::f<D>(row[n - 1], border);
+    std::fill_n(pad + r + n, r - 1, border);
+}
+
 // `row` (n voxels) boxed along itself with reach r into `out`, which may be `row`; `pad` holds
 // n + 2r voxels.
 template <bool D, class T>
 void boxRow(const T* row, long n, long r, T border, T* pad, T* out) {
     const long k = 2 * r + 1;
-    std::fill_n(pad, r, border);
-    std::memcpy(pad + r, row, std::size_t(n) * sizeof(T));
-    std::fill_n(pad + r + n, r, border);
-    long p = 1, valid = n + 2 * r;
+    firstStep<D>(row, n, r, border, pad);
+    long p = 2, valid = n + 2 * r - 1;
     for (; 2 * p <= k; p *= 2) {
         Fold<D, T>::arrays(pad, pad, pad + p, valid - p);
         valid -= p;
@@ -169,31 +180,64 @@ void boxRow(const T* row, long n, long r, T border, T* pad, T* out) {
     Fold<D, T>::arrays(out, pad, pad + (k - p), n);
 }
 
-// The extremum of every k = 2r + 1 consecutive lines (w voxels each) of a stream, by doubling:
-// level l holds the folds of 2^l consecutive lines, in a ring of the 2^l + 1 it still needs (the
-// last level: the k - p + 1 the windows read). Fill slot(), then push(): from the k-th line on,
-// it gives the two level-L lines whose fold is the window that ends at that line.
+// The extremum of every k = 2r + 1 consecutive lines (w voxels each) of a stream: fill slot(),
+// then push(); from the k-th line on, push() gives two lines whose fold is the window that ends at
+// the line just pushed. Two methods, whichever folds less for k:
+// - doubling: level l holds the folds of 2^l consecutive lines, in a ring of the 2^l + 1 it still
+//   needs (the last level, L = log2(p), the k - p + 1 the windows read): L + 1 folds a line;
+// - van Herk/Gil-Werman: the lines in segments of k; a complete segment is folded backward in
+//   place and kept while the next one's lines arrive, folded forward into one running line; the
+//   window starting at position t + 1 of the complete segment is its backward fold there with the
+//   running fold of the next: three folds a line, whatever k, and 2k + 1 lines held.
 template <bool D, class T>
 class Window {
 public:
     void reset(long r, long w, std::vector<T>& storage) {
         m_k = 2 * r + 1;
-        m_levels = log2Floor(m_k);
-        m_p = 1L << m_levels;
         m_w = w;
         m_j = -1;
+        m_segments = bySegments(r);
+        if (storage.size() < std::size_t(windowLines(r) * w)) storage.resize(std::size_t(windowLines(r) * w));
+        m_data = storage.data();
+        if (m_segments) {
+            m_current = m_data;
+            m_complete = m_data + m_k * w;
+            m_run = m_data + 2 * m_k * w;
+            return;
+        }
+        m_levels = log2Floor(m_k);
+        m_p = 1L << m_levels;
         long at = 0;
         for (long l = 0; l <= m_levels; ++l) {
             m_base[l] = at;
             m_size[l] = l < m_levels ? (1L << l) + 1 : m_k - m_p + 1;
             at += m_size[l];
         }
-        if (storage.size() < std::size_t(at * w)) storage.resize(std::size_t(at * w));
-        m_data = storage.data();
     }
-    T* slot() { return line(0, m_j + 1); }
+    T* slot() { return m_segments ? m_current + (m_j + 1) % m_k * m_w : line(0, m_j + 1); }
     bool push(const T*& a, const T*& b) {
         ++m_j;
+        if (m_segments) {
+            const long t = m_j % m_k;
+            T* const added = m_current + t * m_w;
+            if (t == m_k - 1) {
+                for (long i = m_k - 2; i >= 0; --i)
+                    Fold<D, T>::arrays(m_current + i * m_w, m_current + i * m_w, m_current + (i + 1) * m_w, m_w);
+                std::swap(m_current, m_complete);
+                a = b = m_complete;  // the window is the whole segment
+                return true;
+            }
+            if (t == 0) {
+                m_prefix = added;
+            } else {
+                Fold<D, T>::arrays(m_run, m_prefix, added, m_w);
+                m_prefix = m_run;
+            }
+            if (m_j < m_k) return false;
+            a = m_complete + (t + 1) * m_w;
+            b = m_prefix;
+            return true;
+        }
         for (long l = 1; l <= m_levels; ++l) {
             const long at = m_j - (1L << l) + 1;
             if (at < 0) break;
@@ -209,8 +253,11 @@ public:
 private:
     T* line(long level, long index) { return m_data + (m_base[level] + index % m_size[level]) * m_w; }
     long m_k = 0, m_p = 0, m_levels = 0, m_w = 0, m_j = -1;
+    bool m_segments = false;
     long m_base[64] = {}, m_size[64] = {};
     T* m_data = nullptr;
+    T *m_current = nullptr, *m_complete = nullptr, *m_run = nullptr;
+    const T* m_prefix = nullptr;
 };
 
 template <class T>
@@ -354,28 +401,45 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                     std::fill_n(row, pitch, border);
                     continue;
                 }
-                std::fill_n(row, g.r[0], border);
-                std::memcpy(row + g.r[0], rowOf(in, q, y), std::size_t(g.n[0]) * sizeof(T));
-                std::fill_n(row + g.r[0] + g.n[0], g.r[0], border);
+                firstStep<D>(rowOf(in, q, y), g.n[0], g.r[0], border, row);
+                row[pitch - 1] = border;  // read by the next steps, spoiling only what no one reads
             }
             // Along x over the whole band at once: folds reaching past a row's end spoil only its
             // last voxels, which no later step reads.
-            long valid = m * pitch;
-            for (long p = 1; 2 * p <= k0; p *= 2) {
+            long valid = m * pitch - 1;
+            for (long p = 2; 2 * p <= k0; p *= 2) {
                 Fold<D, T>::arrays(a, a, a + p, valid - p);
                 valid -= p;
             }
             Fold<D, T>::arrays(b, a, a + (k0 - p0), valid - (k0 - p0));
-            // Along y: rows folded with the rows 1, 2, 4, ... below.
-            long rows = m;
-            for (long p = 1; 2 * p <= k1; p *= 2) {
+            if (bySegments(g.r[1])) {
+                // Along y in segments of k rows (Window says how): forward folds into `a`, which
+                // the x steps no longer need, then backward folds in place.
+                const long n0 = g.n[0];
+                for (long i = 0; i < m; ++i) {
+                    if (i % k1) Fold<D, T>::arrays(a + i * pitch, a + (i - 1) * pitch, b + i * pitch, n0);
+                    else std::memcpy(a + i * pitch, b + i * pitch, std::size_t(n0) * sizeof(T));
+                }
                 if (poll.cancelled()) throw ExceptionCancelation();
-                Fold<D, T>::arrays(b, b, b + p * pitch, (rows - p) * pitch);
-                rows -= p;
-            }
-            for (long y = y0; y < y1; ++y) {
-                const T* top = b + (y - y0) * pitch;
-                Fold<D, T>::arrays(rowOf(out, q, y), top, top + (k1 - p1) * pitch, g.n[0]);
+                for (long i = m - 2; i >= 0; --i)
+                    if ((i + 1) % k1) Fold<D, T>::arrays(b + i * pitch, b + i * pitch, b + (i + 1) * pitch, n0);
+                for (long y = y0; y < y1; ++y) {
+                    const long i = y - y0;
+                    const T* forward = a + (i % k1 ? i + k1 - 1 : i) * pitch;
+                    Fold<D, T>::arrays(rowOf(out, q, y), b + i * pitch, forward, n0);
+                }
+            } else {
+                // Along y: rows folded with the rows 1, 2, 4, ... below.
+                long rows = m;
+                for (long p = 1; 2 * p <= k1; p *= 2) {
+                    if (poll.cancelled()) throw ExceptionCancelation();
+                    Fold<D, T>::arrays(b, b, b + p * pitch, (rows - p) * pitch);
+                    rows -= p;
+                }
+                for (long y = y0; y < y1; ++y) {
+                    const T* top = b + (y - y0) * pitch;
+                    Fold<D, T>::arrays(rowOf(out, q, y), top, top + (k1 - p1) * pitch, g.n[0]);
+                }
             }
             return (y1 - y0) * g.n[0];
         });

@@ -24,7 +24,7 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
 bool runAsBox(SquareMorphology* algo, int dimensions) {
     const generic::Stage stage{generic::neighbourhoodOf(dimensions, algo->neighborhood.get()),
                                algo->kernelRadius.get(), {}};
-    if (stage.passes < kSimdBoxFromPasses || !generic::isBoxStage(stage) || !generic::boxEnabled()) return false;
+    if (!generic::isBoxStage(stage) || stage.passes < simdBoxFromPasses(stage.neighbourhood) || !generic::boxEnabled()) return false;
     struct AlgoPoll : generic::BoxPoll {
         BaseAlgorithm& algo;
         explicit AlgoPoll(BaseAlgorithm& a) : algo(a) {}
