@@ -1,8 +1,9 @@
 #!/usr/bin/python3
 """Times the peers on the benchmark shapes, for ratios against lyn measured on the same machine.
 
-OpenCV's cv2.dilate/erode (3x3 square and cross, and the 21 x 21 disk of radius 10, every offset
-with dx^2 + dy^2 <= 100, on 4096 x 4096) and scipy.ndimage's
+OpenCV's cv2.dilate (3x3 square and cross, one and five passes, the 11 x 11 rectangle, and the
+21 x 21 disk of radius 10, every offset with dx^2 + dy^2 <= 100, against lyn's exact and fast disks,
+on 4096 x 4096), each beside lyn's call and numpy's copy of the same image, and scipy.ndimage's
 grey_dilation (26-connected 3x3x3 on 512 x 512 x 256 uint8).
 
 Opening, closing, gradient and top-hats: OpenCV's morphologyEx with the 3x3 square on 4096 x 4096
@@ -108,8 +109,12 @@ def main():
     rows = []
     if args.only_composites:
         composites(args, rng, rows)
-        print_rows(args, rows)
+        print_rows(args, [r + (None,) for r in rows])
         return
+    try:
+        import lyn
+    except ImportError:
+        lyn = None
     try:
         import cv2
 
@@ -117,25 +122,38 @@ def main():
         img = rng.integers(10, 200, size=(4096, 4096))
         square = np.ones((3, 3), np.uint8)
         cross = cv2.getStructuringElement(cv2.MORPH_CROSS, (3, 3))
+        yy, xx = np.mgrid[-10:11, -10:11]
+        disk = (xx * xx + yy * yy <= 100).astype(np.uint8)
         for dtype in (np.uint8, np.uint16, np.int16, np.float32, np.float64):
             a = img.astype(dtype)
             out = np.empty_like(a)
-            for name, k in (("square", square), ("cross", cross)):
-                for passes in (1, 5):
-                    ms = best_of(lambda: cv2.dilate(a, k, dst=out, iterations=passes,
-                                                    borderType=cv2.BORDER_CONSTANT,
-                                                    borderValue=float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)),
-                                 args.repeat)
-                    rows.append((f"cv2.dilate {name} x{passes}", np.dtype(dtype).name, "4096x4096", ms))
+            mine = lyn.empty_like(a) if lyn is not None else None
+            low = float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)
+            copy_ms = best_of(lambda: np.copyto(out, a), args.repeat)
+
+            def case(name, kernel, passes, shape, radius, exact=None, same=True, connectivity=None):
+                ms = best_of(lambda: cv2.dilate(a, kernel, dst=out, iterations=passes, borderType=cv2.BORDER_CONSTANT,
+                                                borderValue=low), args.repeat)
+                lyn_ms = bits = None
+                if lyn is not None:
+                    def ours():
+                        return lyn.dilate(a, shape, radius=radius, exact=exact, connectivity=connectivity, out=mine,
+                                          threads=args.threads)
+                    ours()
+                    lyn_ms = best_of(ours, args.repeat)
+                    # A fast disk is another shape than OpenCV's: only its time compares.
+                    bits = bool(np.array_equal(mine, out)) if same else "other shape"
+                rows.append((name, np.dtype(dtype).name, "4096x4096", ms, lyn_ms, bits, copy_ms))
+
+            for passes in (1, 5):
+                case(f"cv2.dilate square x{passes}", square, passes, "square", passes)
+                case(f"cv2.dilate cross x{passes}", cross, passes, "square", passes, connectivity=4)
+            # OpenCV runs five iterations of the 3 x 3 rectangle as this one rectangle.
+            case("cv2.dilate 11x11 rectangle", np.ones((11, 11), np.uint8), 1, "square", 5)
             if dtype in (np.uint8, np.float32):
-                yy, xx = np.mgrid[-10:11, -10:11]
-                disk = (xx * xx + yy * yy <= 100).astype(np.uint8)
-                ms = best_of(lambda: cv2.dilate(a, disk, dst=out, borderType=cv2.BORDER_CONSTANT,
-                                                borderValue=float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)),
-                             args.repeat)
-                rows.append(("cv2.dilate disk r10 (21x21)", np.dtype(dtype).name, "4096x4096", ms))
-            ms = best_of(lambda: np.copyto(out, a), args.repeat)
-            rows.append(("numpy copy", np.dtype(dtype).name, "4096x4096", ms))
+                case("cv2.dilate disk r10 (21x21) / exact", disk, 1, "disk", 10, exact=True)
+                case("cv2.dilate disk r10 (21x21) / fast", disk, 1, "disk", 10, same=False)
+            rows.append(("numpy copy", np.dtype(dtype).name, "4096x4096", copy_ms, None, None, copy_ms))
     except ImportError:
         print("# OpenCV (python3-opencv) not installed: skipped")
     try:
@@ -148,19 +166,24 @@ def main():
         rows.append(("numpy min()+max()", "uint8", "512x512x256", ms))
     except ImportError:
         print("# scipy (python3-scipy) not installed: skipped")
-    rows = [r + (None, None) for r in rows]
-    composites(args, rng, rows)
+    rows = [r + (None, None, None) if len(r) == 4 else r for r in rows]
+    composite_rows = []
+    composites(args, rng, composite_rows)
+    rows += [r + (None,) for r in composite_rows]
     print_rows(args, rows)
 
 
 def print_rows(args, rows):
-    print(f"# threads={args.threads}; median ms; lyn timed right after the peer on the same input")
-    print(f"{'operation':40} {'type':8} {'shape':12} {'peer ms':>10} {'lyn ms':>10} {'peer/lyn':>9}  same bits")
-    for op, t, shape, ms, lyn_ms, same in rows:
+    print(f"# threads={args.threads}; median ms; lyn timed right after the peer on the same input; "
+          "copy: numpy's copy of the same image")
+    print(f"{'operation':40} {'type':8} {'shape':12} {'peer ms':>10} {'lyn ms':>10} {'peer/lyn':>9} {'lyn/copy':>9}"
+          "  same bits")
+    for op, t, shape, ms, lyn_ms, same, copy_ms in rows:
         peer = f"{ms:10.2f}" if ms is not None else f"{'':10}"
         mine = f"{lyn_ms:10.2f}" if lyn_ms is not None else f"{'':10}"
         ratio = f"{ms / lyn_ms:9.2f}" if ms is not None and lyn_ms is not None else f"{'':9}"
-        print(f"{op:40} {t:8} {shape:12} {peer} {mine} {ratio}  {'' if same is None else same}")
+        copies = f"{lyn_ms / copy_ms:9.2f}" if lyn_ms is not None and copy_ms else f"{'':9}"
+        print(f"{op:40} {t:8} {shape:12} {peer} {mine} {ratio} {copies}  {'' if same is None else same}")
 
 
 if __name__ == "__main__":
