@@ -94,6 +94,17 @@ bool mayGoOrderFree(const Context& ctx, long n) {
     return n > long(SimdVec::Ops<T>::N) && (std::is_integral_v<T> || !ctx.isInPlace());
 }
 
+// Asks the cache, at output row y of plan z, for the input row that the walk will first read a few
+// rows later (in the plan after, for a cube): on images larger than the cache the walk then finds
+// it there instead of waiting for memory (docs/performance.md, "Prefetching the rows ahead").
+// About 8 KiB ahead, at least a row and at most eight.
+template <int Planes, class Rows>
+LYN_INLINE void prefetchAhead(const Rows& rows, long z, long y, long n) {
+    const long rowBytes = n * long(sizeof(typename Rows::T));
+    const long ahead = rowBytes >= 8192 ? 1 : rowBytes <= 1024 ? 8 : 8192 / rowBytes;
+    rows.prefetch(Planes > 1 ? z + Planes / 2 : 0, y + 1 + ahead);
+}
+
 // One output plan of walkBlock: its m rows of n voxels, written through `out`.
 template <class Kernel, int Planes, class Rows, class Out>
 LYN_INLINE void walkPlan(const Rows& rows, long z, long n, long m, Out& out, bool stream) {
@@ -101,6 +112,7 @@ LYN_INLINE void walkPlan(const Rows& rows, long z, long n, long m, Out& out, boo
     constexpr unsigned long N = SimdVec::Ops<T>::N;
     access::EdgedRow<T> r[Planes][3];
     for (long y = 0; y < m; ++y) {
+        prefetchAhead<Planes>(rows, z, y, n);
         for (int dz = 0; dz < Planes; ++dz)
             for (int dy = 0; dy < 3; ++dy) r[dz][dy] = rows.row(z + dz - Planes / 2, y + dy - 1);
         T* o = out.rowData();

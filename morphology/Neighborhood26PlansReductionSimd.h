@@ -64,6 +64,7 @@ private:
         Across<Functor, T>::row(rows.row(z - 1, -1), rows.row(z, -1), rows.row(z + 1, -1), n, StoreR{up}, next);
         Across<Functor, T>::row(rows.row(z - 1, 0), rows.row(z, 0), rows.row(z + 1, 0), n, StoreR{mid}, next);
         for (long y = 0; y < m; ++y) {
+            prefetchAhead<3>(rows, z, y, n);
             const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
             T* o = out.rowData();
             if (rowStoreFor(stream, o) == RowStore::Stream)
@@ -91,6 +92,7 @@ private:
             walkRow<Prelude, Ops::N, Rows>(n, r0, r1, r2, dst);
         }
         for (long y = 0; y < m; ++y) {
+            prefetchAhead<3>(rows, z, y, n);
             std::swap(a, b);
             const Row r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
             T* o = out.rowData();

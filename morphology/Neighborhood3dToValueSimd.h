@@ -106,6 +106,7 @@ public:
             Across<Functor, T>::row(sink.r0, sink.r1, sink.r2, n, sink, next);
         }
         for (long y = 0; y < m; ++y) {
+            prefetchAhead<3>(rows, z, y, n);
             const access::EdgedRow<T> r0 = rows.row(z - 1, y + 1), r1 = rows.row(z, y + 1), r2 = rows.row(z + 1, y + 1);
             T* o = out.rowData();
             if (rowStoreFor(stream, o) == RowStore::Stream)

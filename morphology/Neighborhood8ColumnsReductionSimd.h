@@ -45,6 +45,7 @@ private:
     template <class Rows, class Out>
     static void runAcross(const Rows& rows, long n, long m, Out& out, bool stream) {
         for (long y = 0; y < m; ++y) {
+            prefetchAhead<1>(rows, 0, y, n);
             Across<Functor, T>::row(rows.row(0, y - 1), rows.row(0, y), rows.row(0, y + 1), n, StoreOut{out.rowData(), stream});
             out.nextRow();
         }
@@ -67,6 +68,7 @@ private:
         r = rows.row(0, 0);
         walkRow<StoreH, Ops::N, Rows>(n, r, b);
         for (long y = 0; y < m; ++y) {
+            prefetchAhead<1>(rows, 0, y, n);
             r = rows.row(0, y + 1);
             T* o = out.rowData();
             V last;
