@@ -40,6 +40,7 @@ constexpr std::uint64_t kWorkerBytes = std::uint64_t(1) << 20;
 constexpr std::uint64_t kBandBytes = std::uint64_t(768) << 10;
 constexpr std::uint64_t kStripBytes = std::uint64_t(256) << 10;
 constexpr std::uint64_t kRingRowBytes = 2048;
+constexpr long kLinesAhead = 2;
 
 long log2Floor(long k) {
     long l = 0;
@@ -471,7 +472,14 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             }
             auto at = [&](long i) { return reinterpret_cast<T*>(base + i * step); };
             stream(s, g.r[axis], 0, g.n[axis], g.n[axis], width,
-                   [&](long i, T* line) { std::memcpy(line, at(i), std::size_t(width) * sizeof(T)); },
+                   [&](long i, T* line) {
+                       // Lines a plan apart: the cache is asked for the one a few lines ahead.
+                       if (i + kLinesAhead < g.n[axis]) {
+                           const char* ahead = reinterpret_cast<const char*>(at(i + kLinesAhead));
+                           for (long b = 0; b < width * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
+                       }
+                       std::memcpy(line, at(i), std::size_t(width) * sizeof(T));
+                   },
                    [&](long i) { return at(i); });
             return width * g.n[axis];
         });

@@ -19,13 +19,13 @@ struct PassLimits {
 
 bool squareCubeRunnable(BaseAlgorithm* algo, const PassLimits& limits, SquareMorphology* typed);
 
-// From 3 square (4 cube) passes on, images in memory go through the plug-in's box (morphology/Box.h),
+// From 3 square (5 cube) passes on, images in memory go through the plug-in's box (morphology/Box.h),
 // which costs about the same whatever the passes: below, the passes cost less (docs/performance.md,
 // "The plug-in's box"). Where it steps aside for want of room, the host's box, whose strips can be
 // narrower, serves from kBoxFromPasses passes on, where it costs less than the passes
 // (docs/performance.md, "Many passes in the host"). Images on disk, float NaN or zeros of both
 // signs, and LYN_GENERIC_BOX false keep the passes. True when a box served it.
-constexpr unsigned simdBoxFromPasses(Neighbourhood n) { return n == Neighbourhood::Square8 ? 3 : 4; }
+constexpr unsigned simdBoxFromPasses(Neighbourhood n) { return n == Neighbourhood::Square8 ? 3 : 5; }
 constexpr unsigned kBoxFromPasses = 8;
 bool runAsBox(SquareMorphology* algo, int dimensions);
 

@@ -493,7 +493,7 @@ TEST(SimdBoxTest, RunnersAndDecompositionsKeepTheirBytes) {
     std::uint64_t seed = 4000;
     for (VoxelTypes t : {UInt8, Int32, Float})
         for (int shape = 0; shape < 4; ++shape)
-            for (unsigned radius : {3u, 4u, 9u, 41u})
+            for (unsigned radius : {3u, 5u, 9u, 41u})
                 for (bool inPlace : {false, true})
                     for (std::uint64_t budget : {kHuge, std::uint64_t(1) << 15}) {
                         const bool flat = shape == 0 || shape == 2;
