@@ -9,20 +9,12 @@ Usage: PYTHONPATH=build/python bench/box_crossover.py [--big] [--radii 1,2,3,4,5
 """
 import argparse
 import os
-import time
 
 import numpy as np
 
 import lyn
 
-
-def median_ms(fn, repeat):
-    times = []
-    for _ in range(repeat):
-        t0 = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - t0)
-    return sorted(times)[len(times) // 2] * 1e3
+from timing import median_ms
 
 
 def main():

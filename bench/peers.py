@@ -17,18 +17,10 @@ Peers that are not installed are skipped. Install them with: bash scripts/setup.
 Usage: bench/peers.py [--threads N] [--repeat R] [--only-composites]
 """
 import argparse
-import time
 
 import numpy as np
 
-
-def best_of(fn, repeat):
-    times = []
-    for _ in range(repeat):
-        t0 = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - t0)
-    return sorted(times)[len(times) // 2] * 1e3
+from timing import median_ms
 
 
 def composites(args, rng, rows):
@@ -41,11 +33,11 @@ def composites(args, rng, rows):
 
     def compare(name, dtype, extent, peer, ours, repeat):
         result = peer()
-        ms = best_of(peer, repeat)
+        ms = median_ms(peer, repeat)
         lyn_ms = same = None
         if lyn is not None and ours is not None:
             mine = ours()
-            lyn_ms = best_of(ours, repeat)
+            lyn_ms = median_ms(ours, repeat)
             same = mine.dtype == result.dtype and np.array_equal(mine, result, equal_nan=mine.dtype.kind == "f")
         rows.append((name, np.dtype(dtype).name, extent, ms, lyn_ms, same))
 
@@ -93,7 +85,7 @@ def composites(args, rng, rows):
                     lyn and lyn_call(fn, vol, mine, shape="ball", radius=3, exact=True), 1)
         if lyn is not None:
             for op, fn in ops[:2]:
-                ms = best_of(lyn_call(fn, vol, mine, shape="ball", radius=3), args.repeat)
+                ms = median_ms(lyn_call(fn, vol, mine, shape="ball", radius=3), args.repeat)
                 rows.append((f"lyn.{fn} ball r3 fast (no peer)", "uint8", "512x512x256", None, ms, None))
     except ImportError:
         print("# scipy (python3-scipy) not installed: skipped")
@@ -129,10 +121,10 @@ def main():
             out = np.empty_like(a)
             mine = lyn.empty_like(a) if lyn is not None else None
             low = float(np.iinfo(dtype).min if a.dtype.kind in "ui" else -np.finfo(dtype).max)
-            copy_ms = best_of(lambda: np.copyto(out, a), args.repeat)
+            copy_ms = median_ms(lambda: np.copyto(out, a), args.repeat)
 
             def case(name, kernel, passes, shape, radius, exact=None, same=True, connectivity=None):
-                ms = best_of(lambda: cv2.dilate(a, kernel, dst=out, iterations=passes, borderType=cv2.BORDER_CONSTANT,
+                ms = median_ms(lambda: cv2.dilate(a, kernel, dst=out, iterations=passes, borderType=cv2.BORDER_CONSTANT,
                                                 borderValue=low), args.repeat)
                 lyn_ms = bits = None
                 if lyn is not None:
@@ -140,7 +132,7 @@ def main():
                         return lyn.dilate(a, shape, radius=radius, exact=exact, connectivity=connectivity, out=mine,
                                           threads=args.threads)
                     ours()
-                    lyn_ms = best_of(ours, args.repeat)
+                    lyn_ms = median_ms(ours, args.repeat)
                     # A fast disk is another shape than OpenCV's: only its time compares.
                     bits = bool(np.array_equal(mine, out)) if same else "other shape"
                 rows.append((name, np.dtype(dtype).name, "4096x4096", ms, lyn_ms, bits, copy_ms))
@@ -160,9 +152,9 @@ def main():
         from scipy import ndimage
 
         vol = rng.integers(10, 200, size=(256, 512, 512)).astype(np.uint8)
-        ms = best_of(lambda: ndimage.grey_dilation(vol, size=(3, 3, 3), mode="constant", cval=0), max(1, args.repeat // 3))
+        ms = median_ms(lambda: ndimage.grey_dilation(vol, size=(3, 3, 3), mode="constant", cval=0), max(1, args.repeat // 3))
         rows.append(("scipy grey_dilation 3x3x3", "uint8", "512x512x256", ms))
-        ms = best_of(lambda: (vol.min(), vol.max()), args.repeat)
+        ms = median_ms(lambda: (vol.min(), vol.max()), args.repeat)
         rows.append(("numpy min()+max()", "uint8", "512x512x256", ms))
     except ImportError:
         print("# scipy (python3-scipy) not installed: skipped")

@@ -24,6 +24,8 @@ import numpy as np
 
 import lyn
 
+from timing import median_ms
+
 SHAPE = (256, 512, 512)
 
 
@@ -60,15 +62,6 @@ class Others:
         hz = os.sysconf("SC_CLK_TCK")
         dt = time.monotonic() - self.t
         self.cores = max(0.0, (busy_ticks() - self.busy - (self_ticks() - self.own)) / hz / dt)
-
-
-def median_ms(fn, repeat):
-    times = []
-    for _ in range(repeat):
-        t0 = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - t0)
-    return sorted(times)[len(times) // 2] * 1e3
 
 
 def cpp_ms(bench, threads):
