@@ -3,17 +3,20 @@
 // the box leaves it (host/generic/Box.cpp says why), so each axis in turn takes the extremum of
 // 2N + 1 neighbours of its lines padded by N border values, the reach clamped to the line's length.
 //
-// Along rows: the padded row in the worker's cache, folded with itself shifted by 1, 2, 4, ... (p
-// the largest power of two not above 2N + 1); two such runs overlapping cover the window.
-// Along columns and plans: the same doubling over a stream of lines (Window): the lines come in
-// order, each level keeps the few lines it still needs, and each line costs log2(p) + 1 folds.
+// Along rows: the padded row in the worker's cache (its first step read straight from the row),
+// folded with itself shifted by 1, 2, 4, ... (p the largest power of two not above 2N + 1); two
+// such runs overlapping cover the window.
+// Along columns and plans: a stream of lines through a Window, by doubling for windows of up to 7
+// lines and by van Herk/Gil-Werman segments (three folds a line, whatever the window) from 8.
 //
-// A plan's rows go through both of its axes in one sweep (a band): each input row is boxed along x
-// into the window, and each output row leaves it whole. Plans, or bands of a plan, run in parallel;
-// a band cut from a plan boxes the rows of its edges again. The plans of a cube then go through a
-// second sweep, along plans, in strips of columns. In place, a band is a whole plan (a band writes a
-// row only after reading every row within reach below it, and no other band reads it); a single
-// plan in place goes as rows and then strips along columns.
+// A plan's rows go through both of its axes in one sweep (a band). Wide rows are boxed along x one
+// by one into a Window of rows, and each output row leaves it whole; short rows go a band at a
+// time as whole arrays (every x step over the band at once, then the y steps), where a call per
+// short row would cost more than its folds. Plans, or bands of a plan, run in parallel; a band cut
+// from a plan boxes the rows of its edges again. The plans of a cube then go through a second
+// sweep, along plans, in strips of columns. In place, a band is a whole plan (a band writes a row
+// only after reading every row within reach below it, and no other band reads it); a single plan
+// in place goes as rows and then strips along columns.
 #include "morphology/Box.h"
 
 #include <algorithm>
