@@ -2,6 +2,7 @@
 #include "Core/private/Filters/QuantificationFilter.h"
 #include "analysis/IntensityExtremaAVX.h"
 #include "analysis/IntensityExtremaSIMDGeneric.h"
+#include "Core/private/TmplDispatch/Visitor1Args.h"
 
 namespace lyn {
 namespace analysis {
@@ -46,14 +47,7 @@ void IntensityExtremaAVXDispatcher::run(std::pair<IntensityExtrema*, algorithms:
 
 #define LYN_INSTANTIATE(T) \
     template void IntensityExtremaAVXDispatcher::run<T>(std::pair<IntensityExtrema*, algorithms::AbstractPrivateImplementation*>);
-LYN_INSTANTIATE(unsigned char)
-LYN_INSTANTIATE(unsigned short)
-LYN_INSTANTIATE(unsigned int)
-LYN_INSTANTIATE(signed char)
-LYN_INSTANTIATE(short)
-LYN_INSTANTIATE(int)
-LYN_INSTANTIATE(float)
-LYN_INSTANTIATE(double)
+LYN_FOR_EACH_VOXEL_TYPE(LYN_INSTANTIATE)
 #undef LYN_INSTANTIATE
 
 } // namespace analysis

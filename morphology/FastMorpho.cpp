@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "Core/private/TmplDispatch/Visitor1Args.h"
 #include "host/TemporaryImage.h"
 #include "morphology/Box.h"
 #include "morphology/Runners.h"
@@ -174,17 +175,10 @@ void FastMorphoBall3DSimd(BaseAlgorithm* algo, const ImageModel* input, std::uin
                                                                           std::uint32_t, ImageModel*);              \
     template void FastMorphoBall3DSimd<Functor, SimdVec::arch_256_tag, T>(BaseAlgorithm*, const ImageModel*,        \
                                                                           std::uint32_t, ImageModel*);
-#define LYN_FAST_TYPES(Functor) \
-    LYN_FAST(Functor, unsigned char) \
-    LYN_FAST(Functor, unsigned short) \
-    LYN_FAST(Functor, unsigned int) \
-    LYN_FAST(Functor, signed char) \
-    LYN_FAST(Functor, short) \
-    LYN_FAST(Functor, int) \
-    LYN_FAST(Functor, float) \
-    LYN_FAST(Functor, double)
-LYN_FAST_TYPES(DilationFunctor)
-LYN_FAST_TYPES(ErosionFunctor)
+#define LYN_FAST_DILATION(T) LYN_FAST(DilationFunctor, T)
+#define LYN_FAST_EROSION(T) LYN_FAST(ErosionFunctor, T)
+LYN_FOR_EACH_VOXEL_TYPE(LYN_FAST_DILATION)
+LYN_FOR_EACH_VOXEL_TYPE(LYN_FAST_EROSION)
 
 } // namespace details
 } // namespace morphology

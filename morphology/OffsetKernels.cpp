@@ -4,6 +4,7 @@
 // Lists whose runs along x are long enough go through the run kernel (OffsetRuns.cpp), which
 // keeps this kernel's results, floats' NaN and signed zeros included.
 #include "morphology/SquareCubeDispatch.impl.h"
+#include "Core/private/TmplDispatch/Visitor1Args.h"
 
 #if !defined(LYN_FUNCTOR) || !defined(LYN_DIMS)
 #error "LYN_FUNCTOR and LYN_DIMS must be defined"
@@ -37,14 +38,7 @@ void runOffsets3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* outp
     template void runOffsets3d<LYN_FUNCTOR, T>(BaseAlgorithm*, const ImageModel*, ImageModel*, std::vector<kernel::Offset3D>);
 #endif
 
-LYN_OFFSETS(unsigned char)
-LYN_OFFSETS(unsigned short)
-LYN_OFFSETS(unsigned int)
-LYN_OFFSETS(signed char)
-LYN_OFFSETS(short)
-LYN_OFFSETS(int)
-LYN_OFFSETS(float)
-LYN_OFFSETS(double)
+LYN_FOR_EACH_VOXEL_TYPE(LYN_OFFSETS)
 
 } // namespace details
 } // namespace morphology

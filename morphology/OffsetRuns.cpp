@@ -4,6 +4,7 @@
 
 #include "Core/private/Filters/RecursiveImageFilters.h"
 #include "morphology/SquareCubeDispatch.impl.h"
+#include "Core/private/TmplDispatch/Visitor1Args.h"
 
 #if !defined(LYN_FUNCTOR) || !defined(LYN_DIMS)
 #error "LYN_FUNCTOR and LYN_DIMS must be defined"
@@ -46,14 +47,7 @@ bool runOffsetRuns3d(BaseAlgorithm* algo, const ImageModel* input, ImageModel* o
                                                   const std::vector<kernel::Offset3D>&);
 #endif
 
-LYN_RUNS(unsigned char)
-LYN_RUNS(unsigned short)
-LYN_RUNS(unsigned int)
-LYN_RUNS(signed char)
-LYN_RUNS(short)
-LYN_RUNS(int)
-LYN_RUNS(float)
-LYN_RUNS(double)
+LYN_FOR_EACH_VOXEL_TYPE(LYN_RUNS)
 
 } // namespace details
 } // namespace morphology

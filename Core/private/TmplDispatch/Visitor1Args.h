@@ -13,6 +13,9 @@ struct TypeList {};
 
 // The plug-in's eight voxel types, in their fixed order.
 using VoxelTypeList = TypeList<unsigned char, unsigned short, unsigned int, signed char, short, int, float, double>;
+// X(T) for each of the same types, in the same order: the plug-in's explicit instantiations.
+#define LYN_FOR_EACH_VOXEL_TYPE(X) \
+    X(unsigned char) X(unsigned short) X(unsigned int) X(signed char) X(short) X(int) X(float) X(double)
 
 template <class List, class Dispatcher>
 struct Visitor1Args;
