@@ -21,10 +21,14 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
     return helper::commonAcceptance(t);
 }
 
+bool simdBoxWanted(const generic::Stage& stage) {
+    return generic::isBoxStage(stage) && stage.passes >= simdBoxFromPasses(stage.neighbourhood) && generic::boxEnabled();
+}
+
 bool runAsBox(SquareMorphology* algo, int dimensions) {
     const generic::Stage stage{generic::neighbourhoodOf(dimensions, algo->neighborhood.get()),
                                algo->kernelRadius.get(), {}};
-    if (!generic::isBoxStage(stage) || stage.passes < simdBoxFromPasses(stage.neighbourhood) || !generic::boxEnabled()) return false;
+    if (!simdBoxWanted(stage)) return false;
     struct AlgoPoll : generic::BoxPoll {
         BaseAlgorithm& algo;
         explicit AlgoPoll(BaseAlgorithm& a) : algo(a) {}

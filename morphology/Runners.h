@@ -7,6 +7,9 @@
 #include "host/Neighbourhood.h"
 
 namespace lyn {
+namespace generic {
+struct Stage;
+}
 namespace morphology {
 
 // Square and cube runners decline a request whose pass count exceeds the limit for its
@@ -27,6 +30,8 @@ bool squareCubeRunnable(BaseAlgorithm* algo, const PassLimits& limits, SquareMor
 // signs, and LYN_GENERIC_BOX false keep the passes. True when a box served it.
 constexpr unsigned simdBoxFromPasses(Neighbourhood n) { return n == Neighbourhood::Square8 ? 3 : 5; }
 constexpr unsigned kBoxFromPasses = 8;
+// Whether the plug-in's box should try a stage: a square or cube with enough passes, boxes allowed.
+bool simdBoxWanted(const generic::Stage& stage);
 bool runAsBox(SquareMorphology* algo, int dimensions);
 
 #define LYN_DECLARE_SQUARE_RUNNER(Name)                              \
