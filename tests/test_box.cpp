@@ -196,23 +196,22 @@ TEST(BoxTest, EqualsThePlainPassesForEveryTypeSizeAndPassCount) {
         }
 }
 
-TEST(BoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) {
-    struct Row {
-        Data data;
-        generic::BoxOutcome outcome;
-    };
-    const Row rows[] = {{Data::Finite, generic::BoxOutcome::Done},
-                        {Data::NegativeZeros, generic::BoxOutcome::Done},
-                        {Data::SignedZeros, generic::BoxOutcome::FoldOrderShows},
-                        {Data::NaNs, generic::BoxOutcome::FoldOrderShows}};
-    std::uint64_t seed = 100;
-    for (const Row& r : rows)
+// Floats: the box gives the passes' bytes where the fold order cannot show (finite values, zeros
+// of one sign) and steps aside, having written nothing, where it can.
+void checkFoldOrderCases(std::uint64_t seed) {
+    const std::pair<Data, generic::BoxOutcome> rows[] = {{Data::Finite, generic::BoxOutcome::Done},
+                                                         {Data::NegativeZeros, generic::BoxOutcome::Done},
+                                                         {Data::SignedZeros, generic::BoxOutcome::FoldOrderShows},
+                                                         {Data::NaNs, generic::BoxOutcome::FoldOrderShows}};
+    for (const auto& [data, outcome] : rows)
         for (VoxelTypes t : {Float, Double})
             for (int dims : {2, 3})
                 for (bool inPlace : {false, true})
-                    check(BoxCase{dims, {37, 19, dims == 2 ? 1ul : 4ul, 1, 1}, 5, dims == 2, inPlace, 2}, t, r.data,
-                          r.outcome, ++seed);
+                    check(BoxCase{dims, {37, 19, dims == 2 ? 1ul : 4ul, 1, 1}, 5, dims == 2, inPlace, 2}, t, data,
+                          outcome, ++seed);
 }
+
+TEST(BoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) { checkFoldOrderCases(100); }
 
 // A float voxel whose whole box is -inf in a dilation becomes the lowest finite value where the box
 // leaves the image (the border joins), and stays -inf inside: the border is applied per axis.
@@ -443,17 +442,7 @@ TEST(SimdBoxTest, NarrowerBudgetsTakeNarrowerRoutesOrStepAside) {
 TEST(SimdBoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) {
     if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
     const UseSimd simd;
-    const std::pair<Data, generic::BoxOutcome> rows[] = {{Data::Finite, generic::BoxOutcome::Done},
-                                                         {Data::NegativeZeros, generic::BoxOutcome::Done},
-                                                         {Data::SignedZeros, generic::BoxOutcome::FoldOrderShows},
-                                                         {Data::NaNs, generic::BoxOutcome::FoldOrderShows}};
-    std::uint64_t seed = 3000;
-    for (const auto& [data, outcome] : rows)
-        for (VoxelTypes t : {Float, Double})
-            for (int dims : {2, 3})
-                for (bool inPlace : {false, true})
-                    check(BoxCase{dims, {37, 19, dims == 2 ? 1ul : 4ul, 1, 1}, 5, dims == 2, inPlace, 2}, t, data,
-                          outcome, ++seed);
+    checkFoldOrderCases(3000);
 }
 
 // Cancellation is asked before every row a band reads and every line of a strip: at least once per
