@@ -1,7 +1,7 @@
 // What moving a page-cached file's bytes costs, the ways an image on disk could: positioned reads
 // and writes, or mappings faulted in bulk and then touched. Two unnamed files of SIZE MiB in DIR,
 // first written in PIECE KiB pieces (which decides the page cache's folio sizes).
-// Build and run: g++ -O2 bench/page_cache_io.cpp -o /tmp/page_cache_io && /tmp/page_cache_io 1024 256 /var/tmp
+// Run: build/bin/page_cache_io 1024 256 /var/tmp
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
