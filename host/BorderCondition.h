@@ -36,6 +36,23 @@ public:
             m_image->readRaw(dst, count, col, row, plan, seq, spectral);
         }
     }
+    // Rows row .. row + nbRows - 1 of one plan, `count` voxels from `col` each (all inside the
+    // image), to rows[i] + skip.
+    template <class T>
+    void readRows(T* const* rows, long skip, std::uint64_t count, long col, long row, long nbRows, long plan, long seq,
+                  long spectral) const {
+        if (m_direct) {
+            for (long i = 0; i < nbRows; ++i)
+                std::memcpy(rows[i] + skip, address(col, row + i, plan, seq, spectral), count * m_elementSize);
+            return;
+        }
+        char* batch[256];
+        for (long i = 0; i < nbRows; i += 256) {
+            const long n = std::min(256L, nbRows - i);
+            for (long k = 0; k < n; ++k) batch[k] = reinterpret_cast<char*>(rows[i + k] + skip);
+            m_image->readRawRows(batch, count, col, row + i, std::uint64_t(n), plan, seq, spectral);
+        }
+    }
     bool write(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const {
         // Writable views are only built from non-const images (View::New).
         auto* image = const_cast<ImageModel*>(m_image);
@@ -81,6 +98,12 @@ public:
     // lie outside the image, and the voxels there follow this condition's rule.
     virtual void readRow(const ImageAccess& access, T* begin, T* end, long col, long row, long plan, long seq,
                          long spectral) const = 0;
+    // Rows row .. row + nbRows - 1 of one plan, each as readRow reads it, to begins[i] .. + n.
+    // Border conditions that can read many rows at once say so.
+    virtual void readRows(const ImageAccess& access, T* const* begins, long n, long col, long row, long nbRows,
+                          long plan, long seq, long spectral) const {
+        for (long i = 0; i < nbRows; ++i) readRow(access, begins[i], begins[i] + n, col, row + i, plan, seq, spectral);
+    }
     // A short human-readable description ("fixed 0", "continue").
     virtual std::string describe() const = 0;
     // True, with the value, when every voxel outside the image reads as one value: kernels that read
@@ -121,6 +144,27 @@ public:
         std::fill(begin, begin + (first - col), m_value);
         access.read(begin + (first - col), static_cast<std::uint64_t>(last - first), first, row, plan, seq, spectral);
         std::fill(begin + (last - col), end, m_value);
+    }
+    // The rows inside the image in one call, each row's outside voxels filled as readRow does.
+    void readRows(const ImageAccess& access, T* const* begins, long n, long col, long row, long nbRows, long plan,
+                  long seq, long spectral) const override {
+        const long first = std::max(col, 0L), last = std::min(col + n, access.extent(0));
+        const long top = std::max(row, 0L), bottom = std::min(row + nbRows, access.extent(1));
+        if (n <= 0 || last <= first || bottom <= top || !access.insideOuter(top, plan, seq, spectral)) {
+            BorderCondition<T>::readRows(access, begins, n, col, row, nbRows, plan, seq, spectral);
+            return;
+        }
+        for (long i = 0; i < nbRows; ++i) {
+            T* begin = begins[i];
+            if (row + i < top || row + i >= bottom) {
+                std::fill(begin, begin + n, m_value);
+                continue;
+            }
+            std::fill(begin, begin + (first - col), m_value);
+            std::fill(begin + (last - col), begin + n, m_value);
+        }
+        access.readRows(begins + (top - row), first - col, std::uint64_t(last - first), first, top, bottom - top, plan,
+                        seq, spectral);
     }
     std::string describe() const override { return "fixed"; }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -245,6 +246,44 @@ void DiskImage::readRaw(void* dst, std::uint64_t count, long col, long row, long
         std::memcpy(dst, ra.data.get(), bytes);
     }
     if (m_layout.bigEndian) swapBytes(dst, count, m_elementSize);
+}
+
+void DiskImage::readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows,
+                            long plan, long seq, long spectral) const {
+    const std::uint64_t bytes = count * m_elementSize;
+    if (nbRows < 2 || bytes != m_rowBytes || bytes == 0) {
+        ImageModel::readRawRows(rows, count, col, row, nbRows, plan, seq, spectral);
+        return;
+    }
+    WriteBehind& pending = m_writeBehind.local();
+    if (pending.size) flush(pending);
+    std::uint64_t offset = offsetOf(0, row, plan, seq, spectral);
+    constexpr std::uint64_t kRowsPerCall = 256;  // below every system's IOV_MAX (1024 on Linux)
+    iovec iov[kRowsPerCall];
+    for (std::uint64_t i = 0; i < nbRows; i += kRowsPerCall) {
+        int n = int(std::min(kRowsPerCall, nbRows - i));
+        for (int k = 0; k < n; ++k) iov[k] = {rows[i + std::uint64_t(k)], std::size_t(bytes)};
+        iovec* at = iov;
+        while (n) {
+            const ssize_t r = ::preadv(m_fd, at, n, off_t(offset));
+            if (r < 0 && errno == EINTR) continue;
+            if (r <= 0) fail(m_path, "cannot read", r < 0 ? errno : EIO, __LINE__);
+            offset += std::uint64_t(r);
+            // A short read goes on from where it stopped.
+            for (std::size_t left = std::size_t(r); left;) {
+                const std::size_t take = std::min(left, at->iov_len);
+                at->iov_base = static_cast<char*>(at->iov_base) + take;
+                at->iov_len -= take;
+                left -= take;
+                if (at->iov_len == 0) {
+                    ++at;
+                    --n;
+                }
+            }
+        }
+    }
+    if (m_layout.bigEndian)
+        for (std::uint64_t i = 0; i < nbRows; ++i) swapBytes(rows[i], count, m_elementSize);
 }
 
 bool DiskImage::writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) {

@@ -49,6 +49,10 @@ public:
     // A thread's writes are held back while they continue one another, and reach the file when the
     // run breaks, the buffer fills, the same thread reads, or flushWrites() runs.
     void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const override;
+    // Whole rows go straight from the file into `rows` with vectored reads, bypassing the
+    // read-ahead copy; parts of rows, which do not follow one another in the file, go by readRaw.
+    void readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows, long plan,
+                     long seq, long spectral) const override;
     bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
     void flushWrites() const override;
 

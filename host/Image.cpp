@@ -12,6 +12,11 @@ ImageModel::~ImageModel() = default;
 
 bool ImageModel::getMemoryLayout(MemoryLayout&) const { return false; }
 
+void ImageModel::readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows,
+                             long plan, long seq, long spectral) const {
+    for (std::uint64_t i = 0; i < nbRows; ++i) readRaw(rows[i], count, col, row + long(i), plan, seq, spectral);
+}
+
 Extents ImageModel::extents() const {
     Extents e{};
     for (int a = 0; a < 5; ++a) e[a] = getNumOf(static_cast<Components>(a));
@@ -215,6 +220,13 @@ void ImageModelSizeProxy::readRaw(void* dst, std::uint64_t count, long col, long
     m_source->readRaw(dst, count, col + static_cast<long>(m_origin[0]), row + static_cast<long>(m_origin[1]),
                       plan + static_cast<long>(m_origin[2]), seq + static_cast<long>(m_origin[3]),
                       spectral + static_cast<long>(m_origin[4]));
+}
+
+void ImageModelSizeProxy::readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows,
+                                      long plan, long seq, long spectral) const {
+    m_source->readRawRows(rows, count, col + static_cast<long>(m_origin[0]), row + static_cast<long>(m_origin[1]),
+                          nbRows, plan + static_cast<long>(m_origin[2]), seq + static_cast<long>(m_origin[3]),
+                          spectral + static_cast<long>(m_origin[4]));
 }
 
 bool ImageModelSizeProxy::writeRaw(const void*, std::uint64_t, long, long, long, long, long) {

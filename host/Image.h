@@ -34,6 +34,10 @@ public:
 
     // Copies `count` voxels of one row, all inside the image, to `dst` (no border handling here).
     virtual void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const = 0;
+    // The same for rows row .. row + nbRows - 1 of one plan, row i to rows[i]: one call for many
+    // rows of a block, which an image on disk reads with one system call.
+    virtual void readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows, long plan,
+                             long seq, long spectral) const;
     // Writes `count` voxels of one row, all inside the image; false when the image refused the write.
     virtual bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq,
                           long spectral) = 0;
@@ -115,6 +119,8 @@ public:
     int getStorageType() const override { return m_source->getStorageType(); }
     void enforceSameCharacteristics(const ImageModel* reference, const int& flags) override;
     void readRaw(void* dst, std::uint64_t count, long col, long row, long plan, long seq, long spectral) const override;
+    void readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows, long plan, long seq,
+                     long spectral) const override;
     bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
     bool getMemoryLayout(MemoryLayout& layout) const override;
     void flushWrites() const override { m_source->flushWrites(); }

@@ -60,6 +60,10 @@ public:
     void readRow(T* begin, T* end, long col, long row, long plan, long seq, long spectral) const {
         m_border->readRow(m_access, begin, end, col, row, plan, seq, spectral);
     }
+    // Rows row .. row + nbRows - 1 of one plan, n voxels each from col, to begins[i].
+    void readRows(T* const* begins, long n, long col, long row, long nbRows, long plan, long seq, long spectral) const {
+        m_border->readRows(m_access, begins, n, col, row, nbRows, plan, seq, spectral);
+    }
 
     // The voxels [col, col + count) of a row lying wholly inside an image held in memory, read in
     // place; null when they must be copied through readRow.

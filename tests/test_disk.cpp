@@ -24,6 +24,8 @@
 #include "host/PluginLoader.h"
 #include "host/Settings.h"
 #include "host/TemporaryImage.h"
+#include "host/View.h"
+#include "simd/AlignedAllocator.h"
 #include "tests/support.h"
 
 using namespace lyn;
@@ -193,6 +195,60 @@ TEST(DiskImageTest, BigEndianFilesReadAndWriteInTheirOwnOrder) {
     EXPECT_EQ(fileBytes(path).substr(6, 2), std::string("\x00\x07", 2));
     image->readRaw(row, 3, 0, 0, 0, 0, 0);
     EXPECT_EQ(row[1], 7);
+}
+
+// A plan's rows fetched at once (vectored reads on disk) give what fetching them one by one gives,
+// whatever the window: rows and columns beyond the edges, more rows than one call takes, parts of
+// rows, a byte-swapped file, a sub-box, and both border conditions.
+TEST(DiskImageTest, ManyRowsAtOnceReadAsOneByOne) {
+    using View = access::View<std::int16_t, SimdVec::AlignedAllocator<std::int16_t, 32>>;
+    ScratchDir dir;
+    MemoryImage image(Int16, 37, 300, 3);
+    fill(image, 7);
+    auto disk = toDisk(image, dir.file("rows.npy"));
+    disk->flushWrites();
+    // The same voxels big-endian, behind an 8-byte header.
+    {
+        std::vector<char> swapped(static_cast<const char*>(image.data()),
+                                  static_cast<const char*>(image.data()) + image.getSizeInBytes());
+        for (std::size_t i = 0; i < swapped.size(); i += 2) std::swap(swapped[i], swapped[i + 1]);
+        std::ofstream out(dir.file("rows.be"), std::ios::binary);
+        out.write("header!!", 8);
+        out.write(swapped.data(), std::streamsize(swapped.size()));
+    }
+    DiskImage::FileLayout layout;
+    layout.type = Int16;
+    layout.extents = image.extents();
+    layout.dataOffset = 8;
+    layout.bigEndian = true;
+    auto bigEndian = DiskImage::open(dir.file("rows.be"), layout, false);
+    const ImageModelSizeProxy sub(disk.get(), 2, 33, 5, 290, 1, 2, 0, 1, 0, 1);
+    const std::pair<const ImageModel*, const char*> sources[] = {
+        {&image, "memory"}, {disk.get(), "disk"}, {bigEndian.get(), "big-endian"}, {&sub, "sub-box"}};
+    for (const auto& [source, name] : sources)
+        for (bool fixed : {true, false}) {
+            std::shared_ptr<access::BorderCondition<std::int16_t>> border;
+            if (fixed) border = access::FixedBorderCondition<std::int16_t>::New(-7);
+            else border = access::ContinueBorderCondition<std::int16_t>::New();
+            auto view = View::New(source, border);
+            for (long col : {-1L, 0L, 3L})
+                for (long n : {5L, 34L, 39L})
+                    for (long row : {-2L, 0L, 10L, 289L})
+                        for (long rows : {1L, 3L, 300L, 420L})
+                            for (long plan : {-1L, 0L, 2L}) {
+                                std::vector<std::vector<std::int16_t>> got(std::size_t(rows), std::vector<std::int16_t>(std::size_t(n), 1));
+                                std::vector<std::int16_t*> at;
+                                for (auto& r : got) at.push_back(r.data());
+                                view->readRows(at.data(), n, col, row, rows, plan, 0, 0);
+                                std::vector<std::int16_t> want(static_cast<std::size_t>(n));
+                                for (long i = 0; i < rows; ++i) {
+                                    view->readRow(want.data(), want.data() + n, col, row + i, plan, 0, 0);
+                                    ASSERT_EQ(got[std::size_t(i)], want)
+                                        << name << (fixed ? " fixed" : " continue") << " col " << col << " n " << n
+                                        << " row " << row << " + " << i << " of " << rows << " plan " << plan;
+                                }
+                            }
+        }
 }
 
 TEST(DiskImageTest, FailuresNameTheFile) {

@@ -43,6 +43,19 @@ public:
         return row;
     }
 
+    // Slots 0 .. nbRows - 1 filled with consecutive rows from rowOffset, in one read of the view.
+    void fetchRowsInBlock(unsigned long nbRows, unsigned long length, const Block& block, long colOffset, long rowOffset,
+                          long planOffset, long seqOffset, long spectralOffset) const {
+        m_data.resize(nbRows);
+        for (unsigned long i = 0; i < nbRows; ++i) {
+            Row& row = details::slotAt(m_slots, i);
+            row.buffer().resize(length);
+            m_data[i] = row.data();
+        }
+        const details::Position p(block, colOffset, rowOffset, planOffset, seqOffset, spectralOffset);
+        m_view->readRows(m_data.data(), long(length), p.col, p.row, long(nbRows), p.plan, p.seq, p.spectral);
+    }
+
     // Rows of a plan slot (see PlanCacheRead): entry i and the number in use.
     const Row& row(unsigned long i) const { return *m_slots[i]; }
     unsigned long getNbRowsInUse() const { return m_inUse; }
@@ -56,6 +69,7 @@ private:
     const View* m_view;
     mutable std::vector<std::shared_ptr<Row>> m_slots;
     mutable unsigned long m_inUse = 0;
+    mutable std::vector<typename View::value_type*> m_data;  // fetchRowsInBlock's row pointers
 };
 
 template <class View, class Alloc>
@@ -112,9 +126,7 @@ public:
         while (slot >= m_plans.size()) m_plans.push_back(std::make_unique<Plan>(m_view, 0));
         Plan& plan = *m_plans[slot];
         plan.setNbRowsInUse(nbRows);
-        for (unsigned long i = 0; i < nbRows; ++i)
-            plan.fetchRowInBlock(i, rowLength, block, colOffset, rowOffset + static_cast<long>(i), planOffset,
-                                 seqOffset, spectralOffset);
+        plan.fetchRowsInBlock(nbRows, rowLength, block, colOffset, rowOffset, planOffset, seqOffset, spectralOffset);
         return plan;
     }
 
