@@ -286,16 +286,38 @@ void DiskImage::readRawRows(char* const* rows, std::uint64_t count, long col, lo
         for (std::uint64_t i = 0; i < nbRows; ++i) swapBytes(rows[i], count, m_elementSize);
 }
 
-bool DiskImage::writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) {
+bool DiskImage::inside(std::uint64_t count, long col, long row, long plan, long seq, long spectral) const {
     const Extents& e = m_layout.extents;
-    if (!m_writable || col < 0 || row < 0 || plan < 0 || seq < 0 || spectral < 0 ||
-        std::uint64_t(col) + count > e[0] || std::uint64_t(row) >= e[1] || std::uint64_t(plan) >= e[2] ||
-        std::uint64_t(seq) >= e[3] || std::uint64_t(spectral) >= e[4])
-        return false;
+    return col >= 0 && row >= 0 && plan >= 0 && seq >= 0 && spectral >= 0 && std::uint64_t(col) + count <= e[0] &&
+           std::uint64_t(row) < e[1] && std::uint64_t(plan) < e[2] && std::uint64_t(seq) < e[3] &&
+           std::uint64_t(spectral) < e[4];
+}
+
+void* DiskImage::rowToWrite(std::uint64_t count, long col, long row, long plan, long seq, long spectral) {
+    const std::uint64_t bytes = count * m_elementSize;
+    if (!m_writable || count == 0 || bytes > kWriteBehind || (m_layout.bigEndian && m_elementSize > 1) ||
+        !inside(count, col, row, plan, seq, spectral))
+        return nullptr;
+    const std::uint64_t offset = offsetOf(col, row, plan, seq, spectral);
+    WriteBehind& pending = m_writeBehind.local();
+    if (pending.size && (offset != pending.begin + pending.size || pending.size + bytes > kWriteBehind)) flush(pending);
+    if (!pending.data) pending.data.reset(new char[kWriteBehind]);
+    return pending.data.get() + pending.size;
+}
+
+bool DiskImage::writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) {
+    if (!m_writable || !inside(count, col, row, plan, seq, spectral)) return false;
     if (count == 0) return true;
     const std::uint64_t bytes = count * m_elementSize;
     const std::uint64_t offset = offsetOf(col, row, plan, seq, spectral);
     WriteBehind& pending = m_writeBehind.local();
+    if (pending.data && src == pending.data.get() + pending.size && (!pending.size || offset == pending.begin + pending.size) &&
+        pending.size + bytes <= kWriteBehind && !(m_layout.bigEndian && m_elementSize > 1)) {
+        // Computed where rowToWrite said: already in place.
+        if (!pending.size) pending.begin = offset;
+        pending.size += bytes;
+        return true;
+    }
     if (pending.size && (offset != pending.begin + pending.size || pending.size + bytes > kWriteBehind)) flush(pending);
     if (bytes > kWriteBehind) {
         std::vector<char> swapped;
@@ -312,7 +334,8 @@ bool DiskImage::writeRaw(const void* src, std::uint64_t count, long col, long ro
     if (!pending.data) pending.data.reset(new char[kWriteBehind]);
     if (!pending.size) pending.begin = offset;
     char* at = pending.data.get() + pending.size;
-    std::memcpy(at, src, static_cast<std::size_t>(bytes));
+    // memmove: a row computed where rowToWrite said may have moved down since, by a flush.
+    std::memmove(at, src, static_cast<std::size_t>(bytes));
     if (m_layout.bigEndian) swapBytes(at, count, m_elementSize);
     pending.size += bytes;
     return true;

@@ -54,6 +54,9 @@ public:
     void readRawRows(char* const* rows, std::uint64_t count, long col, long row, std::uint64_t nbRows, long plan,
                      long seq, long spectral) const override;
     bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
+    // The next place in this thread's held-back writes, flushing them first when the row does not
+    // continue them or would not fit; a row handed back to writeRaw from there is not copied.
+    void* rowToWrite(std::uint64_t count, long col, long row, long plan, long seq, long spectral) override;
     void flushWrites() const override;
 
     const std::string& path() const { return m_path; }
@@ -67,6 +70,7 @@ private:
     static std::unique_ptr<DiskImage> createAt(int fd, const std::string& path, const std::string& header,
                                                VoxelTypes type, const Extents& extents);
     std::uint64_t offsetOf(long col, long row, long plan, long seq, long spectral) const;
+    bool inside(std::uint64_t count, long col, long row, long plan, long seq, long spectral) const;
     void readAt(void* dst, std::uint64_t bytes, std::uint64_t offset) const;
 
     // The last run of rows a thread read, kept for its next reads: kernels fetch a block's rows one

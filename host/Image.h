@@ -41,6 +41,13 @@ public:
     // Writes `count` voxels of one row, all inside the image; false when the image refused the write.
     virtual bool writeRaw(const void* src, std::uint64_t count, long col, long row, long plan, long seq,
                           long spectral) = 0;
+    // Where a caller may compute `count` voxels of a row before handing that same pointer to
+    // writeRaw, on the same thread and with nothing else written in between: images that hold
+    // writes back offer their own buffer, which saves a copy. Null when there is none.
+    virtual void* rowToWrite(std::uint64_t count, long col, long row, long plan, long seq, long spectral) {
+        (void)count, (void)col, (void)row, (void)plan, (void)seq, (void)spectral;
+        return nullptr;
+    }
     // Fills `layout` and returns true when the voxels are directly addressable in memory.
     virtual bool getMemoryLayout(MemoryLayout& layout) const;
     // Makes every row written so far visible to reads from any thread. Images that hold writes back

@@ -78,6 +78,13 @@ public:
         return const_cast<T*>(m_access.template pointer<T>(col, row, plan, seq, spectral, count));
     }
 
+    // Where to compute a row that writeRowAt then writes without copying it (ImageModel::rowToWrite);
+    // null when the image offers no such place.
+    T* rowToWrite(long col, long row, long plan, long seq, long spectral, unsigned long count) {
+        if (!m_writable) return nullptr;
+        return static_cast<T*>(const_cast<ImageModel*>(m_access.image())->rowToWrite(count, col, row, plan, seq, spectral));
+    }
+
     // The memory layout of a writable image held in memory; false otherwise. For writers that walk
     // many rows and would rather step by strides than look up every row (directRowWrite).
     bool writableLayout(MemoryLayout& out) const { return m_writable && m_access.layout(out); }

@@ -71,7 +71,12 @@ public:
     T* rowData() { return m_inPlace ? m_inPlace : m_row->data(); }
     // Writes the current row and moves to the next one (the next plan after a plan's last row).
     void nextRow() {
-        if (!m_inPlace) m_row->writeRow(*m_block, m_overlap);
+        // A staged row cannot be refused: rowToWrite gave its place only inside a writable image.
+        if (m_staged)
+            m_view->writeRowAt(m_cols, m_inPlace, m_origin[0], m_origin[1] + m_s.row, m_origin[2] + m_s.plan, m_origin[3],
+                               m_origin[4]);
+        else if (!m_inPlace)
+            m_row->writeRow(*m_block, m_overlap);
         if (++m_s.row > m_s.lastRow) {
             m_s.row = 0;
             if (++m_s.plan > m_s.lastPlan) {
@@ -125,9 +130,16 @@ private:
             return;
         }
         const unsigned long cols = m_cols;
+        m_staged = false;
         m_inPlace = m_direct && cols >= N ? m_view->directRowWrite(m_origin[0], m_origin[1] + m_s.row,
                                                                    m_origin[2] + m_s.plan, m_origin[3], m_origin[4], cols)
                                           : nullptr;
+        if (!m_inPlace && m_direct && cols >= N) {
+            // An image on disk: computed in its held-back writes, written by nextRow without a copy.
+            m_inPlace = m_view->rowToWrite(m_origin[0], m_origin[1] + m_s.row, m_origin[2] + m_s.plan, m_origin[3],
+                                           m_origin[4], cols);
+            m_staged = m_inPlace != nullptr;
+        }
         if (m_inPlace) return;
         m_row = m_fetch ? &m_cache->fetchRowInBlock(0, cols, *m_block, 0, m_s.row, m_s.plan, 0, 0)
                         : &m_cache->getRowInBlock(0, cols, *m_block, 0, m_s.row, m_s.plan, 0, 0);
@@ -142,6 +154,7 @@ private:
     const Block* m_block = nullptr;
     OuputRow<View, Alloc>* m_row = nullptr;
     T* m_inPlace = nullptr;
+    bool m_staged = false;  // m_inPlace is a place the image gave (rowToWrite), written by nextRow
     unsigned long m_cols = 0;
     long m_origin[5] = {0, 0, 0, 0, 0};
     char* m_strided = nullptr;  // the block's first voxel, when rows are found by strides
