@@ -311,9 +311,9 @@ bool DiskImage::writeRaw(const void* src, std::uint64_t count, long col, long ro
     const std::uint64_t bytes = count * m_elementSize;
     const std::uint64_t offset = offsetOf(col, row, plan, seq, spectral);
     WriteBehind& pending = m_writeBehind.local();
-    if (pending.data && src == pending.data.get() + pending.size && (!pending.size || offset == pending.begin + pending.size) &&
-        pending.size + bytes <= kWriteBehind && !(m_layout.bigEndian && m_elementSize > 1)) {
-        // Computed where rowToWrite said: already in place.
+    // Computed where rowToWrite said (which gives no place to byte-swapped files): already in place.
+    if (pending.data && src == pending.data.get() + pending.size &&
+        (!pending.size || offset == pending.begin + pending.size) && pending.size + bytes <= kWriteBehind) {
         if (!pending.size) pending.begin = offset;
         pending.size += bytes;
         return true;
