@@ -264,11 +264,23 @@ private:
     const T* m_prefix = nullptr;
 };
 
+// What a float scan has seen: a NaN, or zeros of both signs, is where the fold order shows.
+struct Seen {
+    bool nan = false, negativeZero = false, positiveZero = false;
+    bool foldOrderShows() const { return nan || (negativeZero && positiveZero); }
+    void add(const Seen& o) {
+        nan |= o.nan;
+        negativeZero |= o.negativeZero;
+        positiveZero |= o.positiveZero;
+    }
+};
+
 template <class T>
 struct Scratch {
     std::vector<T> pad, window;
     Window<true, T> dilate;
     Window<false, T> erode;
+    Seen seen;  // the rows this worker's first sweep read
     template <bool D>
     Window<D, T>& win() {
         if constexpr (D) return dilate;
@@ -276,56 +288,62 @@ struct Scratch {
     }
 };
 
-// Whether float data holds a NaN, or zeros of both signs, where the fold order shows.
+template <class T>
+LYN_INLINE void scanRow(const T* row, long n, Seen& seen) {
+    using O = SimdVec::Ops<T>;
+    constexpr long N = long(O::N);
+    using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+    constexpr U sign = U(1) << (8 * sizeof(T) - 1);
+    constexpr U infinity = sizeof(T) == 4 ? U(0x7f800000u) : U(0x7ff0000000000000ull);
+    const __m256i signs = sizeof(T) == 4 ? _mm256_set1_epi32(int(0x80000000u)) : _mm256_set1_epi64x(static_cast<long long>(sign));
+    __m256i isNan = _mm256_setzero_si256(), isNeg = isNan, isPos = isNan;
+    long x = 0;
+    for (; x + N <= n; x += N) {
+        const auto v = O::load(row + x);
+        const __m256i bits = O::bits(v);
+        if constexpr (sizeof(T) == 4) {
+            isNan = _mm256_or_si256(isNan, _mm256_castps_si256(_mm256_cmp_ps(v, v, _CMP_UNORD_Q)));
+            isNeg = _mm256_or_si256(isNeg, _mm256_cmpeq_epi32(bits, signs));
+            isPos = _mm256_or_si256(isPos, _mm256_cmpeq_epi32(bits, _mm256_setzero_si256()));
+        } else {
+            isNan = _mm256_or_si256(isNan, _mm256_castpd_si256(_mm256_cmp_pd(v, v, _CMP_UNORD_Q)));
+            isNeg = _mm256_or_si256(isNeg, _mm256_cmpeq_epi64(bits, signs));
+            isPos = _mm256_or_si256(isPos, _mm256_cmpeq_epi64(bits, _mm256_setzero_si256()));
+        }
+    }
+    for (; x < n; ++x) {
+        U u;
+        std::memcpy(&u, row + x, sizeof u);
+        seen.nan |= (u & ~sign) > infinity;
+        seen.negativeZero |= u == sign;
+        seen.positiveZero |= u == 0;
+    }
+    seen.nan |= !_mm256_testz_si256(isNan, isNan);
+    seen.negativeZero |= !_mm256_testz_si256(isNeg, isNeg);
+    seen.positiveZero |= !_mm256_testz_si256(isPos, isPos);
+}
+
+// Whether float data holds a NaN, or zeros of both signs, where the fold order shows: a read of the
+// whole image before anything is written, for boxes in place.
 template <class T>
 bool foldOrderShows(const MemoryLayout& m, const long* n, generic::BoxPoll& poll) {
     if constexpr (!std::is_floating_point_v<T>) {
         return false;
     } else {
-        using O = SimdVec::Ops<T>;
-        constexpr long N = long(O::N);
-        using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
-        constexpr U sign = U(1) << (8 * sizeof(T) - 1);
-        constexpr U infinity = sizeof(T) == 4 ? U(0x7f800000u) : U(0x7ff0000000000000ull);
-        const __m256i signs = sizeof(T) == 4 ? _mm256_set1_epi32(int(0x80000000u)) : _mm256_set1_epi64x(static_cast<long long>(sign));
         const long rows = n[1] * n[2] * n[3] * n[4];
-        std::atomic<bool> nan{false}, negative{false}, positive{false};
+        tbb::enumerable_thread_specific<Seen> seen;
         tbb::parallel_for(tbb::blocked_range<long>(0, rows, 64), [&](const tbb::blocked_range<long>& range) {
             if (poll.cancelled()) throw ExceptionCancelation();
-            __m256i isNan = _mm256_setzero_si256(), isNeg = isNan, isPos = isNan;
-            bool tailNan = false, tailNeg = false, tailPos = false;
-            for (long q = range.begin(); q != range.end(); ++q) {
-                const T* row = reinterpret_cast<const T*>(m.base + q % n[1] * m.strides[1] +
-                                                          q / n[1] % n[2] * m.strides[2] +
-                                                          q / n[1] / n[2] % n[3] * m.strides[3] +
-                                                          q / n[1] / n[2] / n[3] * m.strides[4]);
-                long x = 0;
-                for (; x + N <= n[0]; x += N) {
-                    const auto v = O::load(row + x);
-                    const __m256i bits = O::bits(v);
-                    if constexpr (sizeof(T) == 4) {
-                        isNan = _mm256_or_si256(isNan, _mm256_castps_si256(_mm256_cmp_ps(v, v, _CMP_UNORD_Q)));
-                        isNeg = _mm256_or_si256(isNeg, _mm256_cmpeq_epi32(bits, signs));
-                        isPos = _mm256_or_si256(isPos, _mm256_cmpeq_epi32(bits, _mm256_setzero_si256()));
-                    } else {
-                        isNan = _mm256_or_si256(isNan, _mm256_castpd_si256(_mm256_cmp_pd(v, v, _CMP_UNORD_Q)));
-                        isNeg = _mm256_or_si256(isNeg, _mm256_cmpeq_epi64(bits, signs));
-                        isPos = _mm256_or_si256(isPos, _mm256_cmpeq_epi64(bits, _mm256_setzero_si256()));
-                    }
-                }
-                for (; x < n[0]; ++x) {
-                    U u;
-                    std::memcpy(&u, row + x, sizeof u);
-                    tailNan |= (u & ~sign) > infinity;
-                    tailNeg |= u == sign;
-                    tailPos |= u == 0;
-                }
-            }
-            if (tailNan || !_mm256_testz_si256(isNan, isNan)) nan = true;
-            if (tailNeg || !_mm256_testz_si256(isNeg, isNeg)) negative = true;
-            if (tailPos || !_mm256_testz_si256(isPos, isPos)) positive = true;
+            Seen& local = seen.local();
+            for (long q = range.begin(); q != range.end(); ++q)
+                scanRow(reinterpret_cast<const T*>(m.base + q % n[1] * m.strides[1] + q / n[1] % n[2] * m.strides[2] +
+                                                   q / n[1] / n[2] % n[3] * m.strides[3] +
+                                                   q / n[1] / n[2] / n[3] * m.strides[4]),
+                        n[0], local);
         });
-        return nan || (negative && positive);
+        Seen all;
+        for (const Seen& s : seen) all.add(s);
+        return all.foldOrderShows();
     }
 }
 
@@ -338,7 +356,13 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         return generic::BoxOutcome::OverBudget;
     const long voxels = g.n[0] * g.n[1] * g.n[2] * g.n[3] * g.n[4];
     if (voxels == 0) return generic::BoxOutcome::Done;
-    if (foldOrderShows<T>(in, g.n, poll)) return generic::BoxOutcome::FoldOrderShows;
+    // Out of place, float rows are scanned as the first sweep reads them, which saves a read of the
+    // whole image; should the fold order show, the output is left half written for the passes to
+    // overwrite. In place, nothing may be written before the whole image has been scanned.
+    constexpr bool isFloat = std::is_floating_point_v<T>;
+    const bool scanAsRead = isFloat && !inPlace;
+    if (!scanAsRead && foldOrderShows<T>(in, g.n, poll)) return generic::BoxOutcome::FoldOrderShows;
+    std::atomic<bool> shows{false};  // seen by one worker: the others stop at their next task
 
     const long plans = g.n[2] * g.n[3] * g.n[4];
     // Plan q of the flattened plans, sequences and spectra.
@@ -355,10 +379,22 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         tbb::parallel_for(tbb::blocked_range<long>(0, tasks, 1), [&](const tbb::blocked_range<long>& range) {
             Scratch<T>& s = scratch.local();
             for (long t = range.begin(); t != range.end(); ++t) {
+                if (isFloat && shows.load(std::memory_order_relaxed)) return;
                 const long finished = task(t, s);
                 poll.progress(double(done.fetch_add(finished) + finished) / total);
             }
         });
+    };
+    // Row y of input plan q, as the first sweep reads it.
+    auto readRow = [&](Scratch<T>& s, long q, long y) {
+        const T* row = rowOf(in, q, y);
+        if constexpr (isFloat) {
+            if (scanAsRead) {
+                scanRow(row, g.n[0], s.seen);
+                if (s.seen.foldOrderShows()) shows = true;
+            }
+        }
+        return row;
     };
     // The window of reach r over lines 0 .. count - 1 of w voxels (border beyond them), giving the
     // output lines [from, to): line i is written once every line within reach below it has been
@@ -383,7 +419,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
             s.pad.resize(std::size_t(g.n[0] + 2 * g.r[0]));
             stream(s, g.r[1], y0, y1, g.n[1], g.n[0],
-                   [&](long y, T* line) { boxRow<D>(rowOf(in, q, y), g.n[0], g.r[0], border, s.pad.data(), line); },
+                   [&](long y, T* line) { boxRow<D>(readRow(s, q, y), g.n[0], g.r[0], border, s.pad.data(), line); },
                    [&](long y) { return rowOf(out, q, y); });
             return (y1 - y0) * g.n[0];
         });
@@ -405,7 +441,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                     std::fill_n(row, pitch, border);
                     continue;
                 }
-                firstStep<D>(rowOf(in, q, y), g.n[0], g.r[0], border, row);
+                firstStep<D>(readRow(s, q, y), g.n[0], g.r[0], border, row);
                 row[pitch - 1] = border;  // read by the next steps, spoiling only what no one reads
             }
             // Along x over the whole band at once: folds reaching past a row's end spoil only its
@@ -451,10 +487,15 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         sweep(plans * g.n[1], [&](long t, Scratch<T>& s) {
             if (poll.cancelled()) throw ExceptionCancelation();
             s.pad.resize(std::size_t(g.n[0] + 2 * g.r[0]));
-            boxRow<D>(rowOf(in, t / g.n[1], t % g.n[1]), g.n[0], g.r[0], border, s.pad.data(),
+            boxRow<D>(readRow(s, t / g.n[1], t % g.n[1]), g.n[0], g.r[0], border, s.pad.data(),
                       rowOf(out, t / g.n[1], t % g.n[1]));
             return g.n[0];
         });
+    }
+    if (scanAsRead) {
+        Seen all;
+        for (const Scratch<T>& s : scratch) all.add(s.seen);
+        if (all.foldOrderShows()) return generic::BoxOutcome::FoldOrderShows;
     }
     // Sweeps along columns (unfused) and plans, in place on the output, in strips of columns.
     for (int axis = g.fused ? 2 : 1; axis < g.axes; ++axis) {

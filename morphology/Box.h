@@ -1,8 +1,10 @@
 #pragma once
 // Several square (cube) passes as one box of side 2N + 1 in vector code: the host's box
 // (host/generic/Generic.h) for images in memory, with each plan's rows boxed along both of its
-// axes in one sweep while they stay in cache. Same outcomes and the same contract: it steps aside,
-// having written nothing, where the fold order would show or its buffers would not fit.
+// axes in one sweep while they stay in cache. Same outcomes and the same contract, but for one
+// thing: it steps aside, having written nothing, where its buffers would not fit, and where the fold
+// order would show, in place; out of place, it finds a NaN or zeros of both signs as it reads the
+// rows, and may have written some of the output by then (the passes that follow overwrite it).
 #include <cstdint>
 
 #include "host/generic/Generic.h"

@@ -164,7 +164,8 @@ void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expect
     if (outcome == generic::BoxOutcome::Done) {
         ASSERT_EQ(bytesOf(out), bytesOf(reference)) << c.name(t);
         EXPECT_EQ(poll.highest.load(), 1.0) << c.name(t);
-    } else {
+    } else if (!(gImpl == Impl::Simd && outcome == generic::BoxOutcome::FoldOrderShows && !c.inPlace)) {
+        // Only the vector box, out of place, finds the fold order as it reads: it may have written.
         ASSERT_EQ(bytesOf(out), before) << c.name(t) << ": a box that steps aside writes nothing";
     }
 }
@@ -480,7 +481,10 @@ TEST(SimdBoxTest, RunnersAndDecompositionsKeepTheirBytes) {
     const morphology::Erosion2dAVX2Runner square;
     const morphology::Dilation3dAVX2Runner cube;
     std::uint64_t seed = 4000;
-    for (VoxelTypes t : {UInt8, Int32, Float})
+    // Floats also with NaN, where the box finds the fold order showing and the passes take over.
+    const std::pair<VoxelTypes, Data> kinds[] = {
+        {UInt8, Data::Finite}, {Int32, Data::Finite}, {Float, Data::Finite}, {Float, Data::NaNs}};
+    for (const auto& [t, data] : kinds)
         for (int shape = 0; shape < 4; ++shape)
             for (unsigned radius : {3u, 5u, 9u, 41u})
                 for (bool inPlace : {false, true})
@@ -488,7 +492,7 @@ TEST(SimdBoxTest, RunnersAndDecompositionsKeepTheirBytes) {
                         const bool flat = shape == 0 || shape == 2;
                         const Extents e{45, 38, flat ? 1ul : 9ul, 1, 1};
                         MemoryImage in(t, e), on(t, e), off(t, e);
-                        fill(in, ++seed, Data::Finite);
+                        fill(in, ++seed, data);
                         for (MemoryImage* out : {&on, &off}) {
                             if (inPlace) copyInto(in, *out);
                             const ImageModel* source = inPlace ? out : &in;
