@@ -26,6 +26,7 @@ report "info with LYN_NO_PLUGIN=1 reports the plug-in disabled" $?
 for dt in u1 i2 f4 f8; do
   for case in "2d -" "3d -" "3d plan" "2d plan" "4d plan,axis3" "4d axis4" "3dx plan" \
     "2db -" "3db plan" "2dv2 -" "2dl -" "3dl plan"; do
+    sampled || continue
     read -r dims per <<<"$case"
     [ "$per" = - ] && per=""
     args=(extrema "${dt}_$dims.npy" --json ${per:+--per "$per"})
@@ -124,6 +125,7 @@ runops() {
 # the differences saturate.
 while read -r shape conn radius dims inputs <&3; do
   for input in $inputs; do
+    sampled || continue
     in=${input}_$dims.npy
     : >err
     runops "$in" --shape "$shape" --connectivity "$conn" --radius "$radius" &&
@@ -153,6 +155,7 @@ done
 # Every other shape against the definitions, NaN and signed zeros included; the second stage of an
 # opening or closing by an even-length line folds its negated offsets.
 while read -r shape inp json cli <&3; do
+  sampled || continue
   : >err
   # shellcheck disable=SC2086  # the options are single words
   runops "$inp" --shape "$shape" $cli && "$PY" "$REF" shape-composites "$inp" "$shape" "$json" 2>>err
