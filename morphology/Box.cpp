@@ -11,9 +11,9 @@
 //
 // A plan's rows go through both of its axes in one sweep (a band). Wide rows are boxed along x one
 // by one into a Window of rows, and each output row leaves it whole; short rows go a band at a
-// time as whole arrays (every x step over the band at once, then the y steps), where a call per
-// short row would cost more than its folds. Plans, or bands of a plan, run in parallel; a band cut
-// from a plan boxes the rows of its edges again. The plans of a cube then go through a second
+// time as whole arrays (the x steps over a chunk of rows at once, in L1, then the y steps), where
+// a call per short row would cost more than its folds. Plans, or bands of a plan, run in
+// parallel; a band cut from a plan boxes the rows of its edges again. The plans of a cube then go through a second
 // sweep, along plans, in strips of columns. In place, a band is a whole plan (a band writes a row
 // only after reading every row within reach below it, and no other band reads it); a single plan
 // in place goes as rows and then strips along columns.
@@ -32,6 +32,7 @@
 
 #include "host/Exceptions.h"
 #include "host/generic/Fold.h"
+#include "simd/AlignedAllocator.h"
 #include "simd/SimdVec.h"
 
 namespace lyn {
@@ -44,6 +45,8 @@ constexpr std::uint64_t kBandBytes = std::uint64_t(768) << 10;
 constexpr std::uint64_t kStripBytes = std::uint64_t(256) << 10;
 constexpr std::uint64_t kRingRowBytes = 2048;
 constexpr long kLinesAhead = 2;
+// A band's rows go through their steps along x a chunk of rows at a time, small enough for L1.
+constexpr std::uint64_t kChunkBytes = std::uint64_t(16) << 10;
 
 long log2Floor(long k) {
     long l = 0;
@@ -52,6 +55,12 @@ long log2Floor(long k) {
 }
 // Whether a Window of reach r takes segments (van Herk/Gil-Werman) rather than doubling, which
 // folds log2(2r + 1) + 1 times a line against three, and the lines it holds.
+// The rows of a flat band: the padded row rounded up to whole cache lines, so that every row, and
+// every chunk of rows, starts aligned.
+long flatPitch(long n, long r, std::size_t size) {
+    const long line = long(64 / size);
+    return (n + 2 * r + line - 1) / line * line;
+}
 bool bySegments(long r) { return log2Floor(2 * r + 1) > 2; }
 long windowLines(long r) { return bySegments(r) ? 2 * (2 * r + 1) + 1 : 2 * r + 1 + log2Floor(2 * r + 1); }
 
@@ -82,6 +91,7 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     const long wanted = 4 * long(workers);
     const long plans = g.n[2] * g.n[3] * g.n[4];
     const std::uint64_t padBytes = std::uint64_t(g.n[0] + 2 * g.r[0]) * size;
+    const std::uint64_t flatBytes = std::uint64_t(flatPitch(g.n[0], g.r[0], size)) * size;
     // Wide rows stream through a window of rows (few calls per row, little to hold); short rows go
     // a band at a time, as whole arrays, where per-row calls would cost more than the folds.
     g.ring = padBytes >= kRingRowBytes;
@@ -89,7 +99,7 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     // input rows twice, padded: as read and folded along x, then folded along y.
     auto bandBytes = [&](long h) {
         if (g.ring) return std::uint64_t(windowLines(g.r[1])) * std::uint64_t(g.n[0]) * size + padBytes;
-        return 2 * std::uint64_t(h + 2 * g.r[1]) * padBytes;
+        return 2 * std::uint64_t(h + 2 * g.r[1]) * flatBytes;
     };
     if (inPlace) {
         // Whole plans only: a band cut from a plan would overwrite rows its neighbour still reads.
@@ -100,7 +110,7 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
         // edges again, and fewer rows than that would cost more than a second sweep.
         const long perPlan = (wanted + plans - 1) / plans;
         long h = std::min(g.n[1], std::max((g.n[1] + perPlan - 1) / perPlan, 2 * g.r[1]));
-        if (!g.ring) h = std::min(h, long(std::min(cap, kBandBytes) / (2 * padBytes)) - 2 * g.r[1]);
+        if (!g.ring) h = std::min(h, long(std::min(cap, kBandBytes) / (2 * flatBytes)) - 2 * g.r[1]);
         g.fused = h >= std::min(2 * g.r[1], g.n[1]) && h > 0 && bandBytes(h) <= cap;
         g.height = std::max(h, 1L);
     }
@@ -196,7 +206,7 @@ void boxRow(const T* row, long n, long r, T border, T* pad, T* out) {
 template <bool D, class T>
 class Window {
 public:
-    void reset(long r, long w, std::vector<T>& storage) {
+    void reset(long r, long w, std::vector<T, SimdVec::AlignedAllocator<T>>& storage) {
         m_k = 2 * r + 1;
         m_w = w;
         m_j = -1;
@@ -277,7 +287,7 @@ struct Seen {
 
 template <class T>
 struct Scratch {
-    std::vector<T> pad, window;
+    std::vector<T, SimdVec::AlignedAllocator<T>> pad, window;
     Window<true, T> dilate;
     Window<false, T> erode;
     Seen seen;  // the rows this worker's first sweep read
@@ -424,7 +434,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             return (y1 - y0) * g.n[0];
         });
     } else if (g.fused) {
-        const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = g.n[0] + 2 * g.r[0];
+        const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = flatPitch(g.n[0], g.r[0], sizeof(T));
         const long k0 = 2 * g.r[0] + 1, k1 = 2 * g.r[1] + 1;
         const long p0 = 1L << log2Floor(k0), p1 = 1L << log2Floor(k1);
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
@@ -433,33 +443,47 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             s.pad.resize(std::size_t(2 * m * pitch));
             T* const a = s.pad.data();
             T* const b = a + m * pitch;
-            for (long i = 0; i < m; ++i) {
-                if (poll.cancelled()) throw ExceptionCancelation();
-                T* row = a + i * pitch;
-                const long y = y0 - g.r[1] + i;
-                if (y < 0 || y >= g.n[1]) {
-                    std::fill_n(row, pitch, border);
-                    continue;
+            const bool segments = bySegments(g.r[1]);
+            const long n0 = g.n[0], chunk = std::max(1L, long(kChunkBytes / (std::uint64_t(pitch) * sizeof(T))));
+            for (long c0 = 0; c0 < m; c0 += chunk) {
+                const long c1 = std::min(m, c0 + chunk);
+                // The next chunk's rows, asked of the cache while this one is folded.
+                const long ahead = y0 - g.r[1] + c1;
+                for (long y = std::max(0L, ahead); y < std::min(g.n[1], ahead + chunk); ++y) {
+                    const char* row = reinterpret_cast<const char*>(rowOf(in, q, y));
+                    for (long b = 0; b < g.n[0] * long(sizeof(T)); b += 64) __builtin_prefetch(row + b, 0, 3);
                 }
-                firstStep<D>(readRow(s, q, y), g.n[0], g.r[0], border, row);
-                row[pitch - 1] = border;  // read by the next steps, spoiling only what no one reads
-            }
-            // Along x over the whole band at once: folds reaching past a row's end spoil only its
-            // last voxels, which no later step reads.
-            long valid = m * pitch - 1;
-            for (long p = 2; 2 * p <= k0; p *= 2) {
-                Fold<D, T>::arrays(a, a, a + p, valid - p);
-                valid -= p;
-            }
-            Fold<D, T>::arrays(b, a, a + (k0 - p0), valid - (k0 - p0));
-            if (bySegments(g.r[1])) {
-                // Along y in segments of k rows (Window says how): forward folds into `a`, which
-                // the x steps no longer need, then backward folds in place.
-                const long n0 = g.n[0];
-                for (long i = 0; i < m; ++i) {
-                    if (i % k1) Fold<D, T>::arrays(a + i * pitch, a + (i - 1) * pitch, b + i * pitch, n0);
-                    else std::memcpy(a + i * pitch, b + i * pitch, std::size_t(n0) * sizeof(T));
+                for (long i = c0; i < c1; ++i) {
+                    if (poll.cancelled()) throw ExceptionCancelation();
+                    T* row = a + i * pitch;
+                    const long y = y0 - g.r[1] + i;
+                    if (y < 0 || y >= g.n[1]) {
+                        std::fill_n(row, pitch, border);
+                        continue;
+                    }
+                    firstStep<D>(readRow(s, q, y), g.n[0], g.r[0], border, row);
+                    // Read by the next steps, spoiling only what no one reads.
+                    std::fill(row + g.n[0] + 2 * g.r[0] - 1, row + pitch, border);
                 }
+                // Along x over the chunk's rows at once, while they are in L1: folds reaching past a
+                // row's end spoil only its last voxels, which no later step reads.
+                T* const ca = a + c0 * pitch;
+                long valid = (c1 - c0) * pitch - 1;
+                for (long p = 2; 2 * p <= k0; p *= 2) {
+                    Fold<D, T>::arrays(ca, ca, ca + p, valid - p);
+                    valid -= p;
+                }
+                Fold<D, T>::arrays(b + c0 * pitch, ca, ca + (k0 - p0), valid - (k0 - p0));
+                // Along y in segments of k rows (Window says how), the forward folds now, into the
+                // chunk's rows of `a`, which the x steps no longer need.
+                if (segments)
+                    for (long i = c0; i < c1; ++i) {
+                        if (i % k1) Fold<D, T>::arrays(a + i * pitch, a + (i - 1) * pitch, b + i * pitch, n0);
+                        else std::memcpy(a + i * pitch, b + i * pitch, std::size_t(n0) * sizeof(T));
+                    }
+            }
+            if (segments) {
+                // Then the backward folds in place.
                 if (poll.cancelled()) throw ExceptionCancelation();
                 for (long i = m - 2; i >= 0; --i)
                     if ((i + 1) % k1) Fold<D, T>::arrays(b + i * pitch, b + i * pitch, b + (i + 1) * pitch, n0);
