@@ -17,6 +17,9 @@
 // sweep, along plans, in strips of columns. In place, a band is a whole plan (a band writes a row
 // only after reading every row within reach below it, and no other band reads it); a single plan
 // in place goes as rows and then strips along columns.
+//
+// A cube of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk along the
+// plans, boxed along all three axes at once (cubeTiles), so that only the output is written.
 #include "morphology/Box.h"
 
 #include <algorithm>
@@ -64,12 +67,24 @@ long flatPitch(long n, long r, std::size_t size) {
 bool bySegments(long r) { return log2Floor(2 * r + 1) > 2; }
 long windowLines(long r) { return bySegments(r) ? 2 * (2 * r + 1) + 1 : 2 * r + 1 + log2Floor(2 * r + 1); }
 
+// A tile of a short-reach cube: at most this many bytes of a row (a whole row of most volumes, so
+// that each plan's part of a tile is one run of memory) by this many rows.
+constexpr long kTileRowBytes = 2048;
+constexpr long kTileRows = 32;
+// The tiles' buffers: the tile's rows with the reach above and below, boxed along x, and a ring of
+// 2r + 2 tiles boxed along x and y.
+std::uint64_t tileBytes(long w, long h, long r, std::size_t size) {
+    return std::uint64_t((h + 2 * r + (2 * r + 2) * h) * w) * size;
+}
+
 struct Plan {
     long n[5] = {0, 0, 0, 0, 0};
     long r[3] = {0, 0, 0};
     int axes = 2;
     bool fused = false;      // each plan's two axes in one sweep of bands
     bool ring = false;       // fused: bands stream their rows through a Window
+    bool tiles = false;      // a cube of reach 2 or 3 in tiles boxed along all three axes at once
+    long tileW = 0, tileH = 0;
     long height = 1;         // output rows per band when fused
     long stripColumns[3] = {0, 0, 0};  // the columns a strip runs over: a row, or a flattened plan
     long stripWidth[3] = {0, 0, 0};
@@ -90,6 +105,31 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     const std::uint64_t cap = std::min(std::max(kWorkerBytes, image / workers), (budget - 1) / workers);
     const long wanted = 4 * long(workers);
     const long plans = g.n[2] * g.n[3] * g.n[4];
+    if (g.axes == 3 && !inPlace && (stage.passes == 2 || stage.passes == 3) && g.r[0] == long(stage.passes) &&
+        g.r[1] == g.r[0] && g.r[2] == g.r[0]) {
+        // Short reaches: each plan's part of a tile boxed along x and y in registers, and joined
+        // along plans from a ring (cubeTiles), so that no intermediate image is written. Tiles read
+        // the rows around them, so the input must stay as it is: not in place. Where they do not
+        // fit, the sweeps below serve.
+        const long vector = long(32 / size), r = g.r[0];
+        long w = std::min((g.n[0] + vector - 1) / vector * vector, kTileRowBytes / long(size));
+        long h = std::min(g.n[1], kTileRows);
+        // Enough tiles for the workers where the rows allow, each at least 2r high (a tile boxes
+        // the rows of its edges again).
+        const long across = (g.n[0] + w - 1) / w * plans / g.n[2];
+        while (h > 2 * r && across * ((g.n[1] + h - 1) / h) < wanted) h = std::max(2 * r, h / 2);
+        while (tileBytes(w, h, r, size) > cap && (w > vector || h > 1)) {
+            if (h > 2 * r || w == vector) h = std::max(1L, h / 2);
+            else w = std::max(vector, w / 2 / vector * vector);
+        }
+        if (tileBytes(w, h, r, size) <= cap) {
+            g.tiles = true;
+            g.tileW = w;
+            g.tileH = h;
+            g.perWorker = tileBytes(w, h, r, size);
+            return true;
+        }
+    }
     const std::uint64_t padBytes = std::uint64_t(g.n[0] + 2 * g.r[0]) * size;
     const std::uint64_t flatBytes = std::uint64_t(flatPitch(g.n[0], g.r[0], size)) * size;
     // Wide rows stream through a window of rows (few calls per row, little to hold); short rows go
@@ -357,6 +397,147 @@ bool foldOrderShows(const MemoryLayout& m, const long* n, generic::BoxPoll& poll
     }
 }
 
+
+// A cube of reach r = 2 or 3 along every axis, in tiles of w columns by h rows that run along the
+// plans: each plan's tile is boxed along x (k = 2r + 1 loads a vector) and then along y (k + 1
+// loads for two rows) into a ring of k + 1 tiles, and each pair of output tiles is folded from the
+// ring's tiles (they share k - 1 of them) straight into the output's rows. Nothing but the input,
+// the ring and the output is stored, where the sweeps below store every intermediate line.
+// `scan(s, voxels, count)` sees each input voxel once, as it is read.
+template <bool D, class T, int K, class Sweep, class Scan>
+void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T border, generic::BoxPoll& poll,
+               Sweep&& sweep, Scan&& scan) {
+    using F = Fold<D, T>;
+    using O = typename F::O;
+    constexpr long N = F::N, R = K / 2;
+    const long n0 = g.n[0], n1 = g.n[1], n2 = g.n[2];
+    const long W = g.tileW, H = g.tileH;
+    const long xTiles = (n0 + W - 1) / W, yTiles = (n1 + H - 1) / H;
+    sweep(xTiles * yTiles * g.n[3] * g.n[4], [&](long t, auto& s) {
+        const long x0 = t % xTiles * W, w = std::min(W, n0 - x0);
+        const long y0 = t / xTiles % yTiles * H, h = std::min(H, n1 - y0);
+        const long cube = t / xTiles / yTiles;
+        const std::int64_t inCube = cube % g.n[3] * in.strides[3] + cube / g.n[3] * in.strides[4];
+        const std::int64_t outCube = cube % g.n[3] * out.strides[3] + cube / g.n[3] * out.strides[4];
+        auto rowAt = [&](const MemoryLayout& mem, std::int64_t at, long z, long y) {
+            return reinterpret_cast<T*>(mem.base + at + z * mem.strides[2] + y * mem.strides[1]);
+        };
+        const long wp = (w + N - 1) / N * N, m = h + 2 * R, tile = h * wp;
+        s.pad.resize(std::size_t(m * wp + (K + 1) * tile));
+        T* const xs = s.pad.data();  // m rows of wp: the tile's rows boxed along x
+        T* const ring = xs + m * wp;  // k + 1 tiles boxed along x and y, plan z's in slotOf(z)
+        // Vector x of a row (columns x0 + x .. + N - 1) boxed along x; near the image's sides, from a
+        // copy of its span with border values beside it.
+        alignas(32) T borders[N];
+        std::fill_n(borders, N, border);
+        const auto b = O::load(borders);
+        auto boxAlongX = [&](const T* src, long x, T* dst) {
+            const long ax = x0 + x;
+            const T* e = src + ax - R;
+            // span[0] is column ax - R; the vector before it takes what a copy of the row's last N
+            // voxels puts before column ax - R when fewer than N of them are wanted.
+            alignas(32) T buffer[5 * N];
+            T* const span = buffer + N;
+            if (ax < R || ax + N + R > n0) {
+                if (N >= 2 * R && n0 >= N + 2 * R) {
+                    // Whole vectors: the border, then the row's voxels over it.
+                    for (long i = 0; i < 4 * N; i += N) O::store(span + i, b);
+                    if (ax < R) {
+                        O::store(span + R - ax, O::load(src));
+                        O::store(span + 2 * R, O::load(src + ax + R));
+                    } else {
+                        const long end = n0 - ax + R;  // span[end ..] is past the row
+                        if (ax - R + N <= n0) O::store(span, O::load(src + ax - R));
+                        O::store(span + end - N, O::load(src + n0 - N));
+                        O::store(span + end, b);
+                        O::store(span + end + N, b);
+                    }
+                } else {
+                    std::fill_n(span, 4 * N, border);
+                    const long lo = std::max(0L, ax - R), hi = std::min(n0, ax + N + R);
+                    std::memcpy(span + (lo - (ax - R)), src + lo, std::size_t(hi - lo) * sizeof(T));
+                }
+                e = span;
+            }
+            auto v = O::load(e);
+            for (int d = 1; d < K; ++d) v = F::v(v, O::load(e + d));
+            O::store(dst + x, v);
+        };
+        auto store = [&](T* dst, long x, typename O::V v) {
+            if (x + N <= w) {
+                O::store(dst + x, v);
+            } else {
+                alignas(32) T last[N];
+                O::store(last, v);
+                std::memcpy(dst + x, last, std::size_t(w - x) * sizeof(T));
+            }
+        };
+        auto slotOf = [&](long z) { return ring + (z + R) % (K + 1) * tile; };
+        for (long z = -R; z < n2 + R; ++z) {
+            if (poll.cancelled()) throw ExceptionCancelation();
+            T* const slot = slotOf(z);
+            if (z < 0 || z >= n2) {
+                std::fill_n(slot, tile, border);
+            } else {
+                // The rows the plan after next will read, asked for now.
+                if (z + kLinesAhead < n2)
+                    for (long y = std::max(0L, y0 - R); y < std::min(n1, y0 + h + R); ++y) {
+                        const char* p = reinterpret_cast<const char*>(rowAt(in, inCube, z + kLinesAhead, y) + x0);
+                        for (long b = -R * long(sizeof(T)); b < (w + R) * long(sizeof(T)); b += 64)
+                            __builtin_prefetch(p + b, 0, 3);
+                    }
+                for (long i = 0; i < m; ++i) {
+                    const long y = y0 - R + i;
+                    T* const row = xs + i * wp;
+                    if (y < 0 || y >= n1) {
+                        std::fill_n(row, wp, border);
+                        continue;
+                    }
+                    const T* src = rowAt(in, inCube, z, y);
+                    if (y >= y0 && y < y0 + h) scan(s, src + x0, w);
+                    for (long x = 0; x < wp; x += N) boxAlongX(src, x, row);
+                }
+                // Along y, two rows at a time: they share k - 1 of their k rows.
+                for (long x = 0; x < wp; x += N) {
+                    const T* c = xs + x;
+                    long i = 0;
+                    for (; i + 2 <= h; i += 2) {
+                        auto shared = O::load(c + (i + 1) * wp);
+                        for (int d = 2; d < K; ++d) shared = F::v(shared, O::load(c + (i + d) * wp));
+                        O::store(slot + i * wp + x, F::v(shared, O::load(c + i * wp)));
+                        O::store(slot + (i + 1) * wp + x, F::v(shared, O::load(c + (i + K) * wp)));
+                    }
+                    if (i < h) {
+                        auto v = O::load(c + i * wp);
+                        for (int d = 1; d < K; ++d) v = F::v(v, O::load(c + (i + d) * wp));
+                        O::store(slot + i * wp + x, v);
+                    }
+                }
+            }
+            // Along plans, two output plans at a time (they share k - 1 of their k tiles), whence the
+            // ring of k + 1: output p is the extremum of the tiles of plans p - R .. p + R.
+            const long p = z - R;
+            if (p < 0 || (p % 2 == 0 && p != n2 - 1)) continue;
+            const bool pair = p % 2 == 1;
+            const T* const first = pair ? slotOf(p - R - 1) : nullptr;
+            const T* const last = slotOf(pair ? p + R : p - R);
+            const T* shared[K];
+            for (int d = 0; d < K - 1; ++d) shared[d] = slotOf(p - R + d + (pair ? 0 : 1));
+            for (long i = 0; i < h; ++i) {
+                T* const here = rowAt(out, outCube, p, y0 + i) + x0;
+                T* const before = pair ? rowAt(out, outCube, p - 1, y0 + i) + x0 : nullptr;
+                for (long x = 0, at = i * wp; x < wp; x += N, at += N) {
+                    auto v = O::load(shared[0] + at);
+                    for (int d = 1; d < K - 1; ++d) v = F::v(v, O::load(shared[d] + at));
+                    if (pair) store(before, x, F::v(v, O::load(first + at)));
+                    store(here, x, F::v(v, O::load(last + at)));
+                }
+            }
+        }
+        return w * h * n2;
+    });
+}
+
 template <bool D, class T>
 generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, const Extents& e, bool inPlace,
                              const generic::Stage& stage, T border, std::uint64_t budget, generic::BoxPoll& poll) {
@@ -383,7 +564,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         return reinterpret_cast<T*>(m.base + planOffset(m, q) + y * m.strides[1]);
     };
     tbb::enumerable_thread_specific<Scratch<T>> scratch;
-    const double total = double(voxels) * (g.fused ? g.axes - 1 : g.axes);
+    const double total = double(voxels) * (g.tiles ? 1 : g.fused ? g.axes - 1 : g.axes);
     std::atomic<long> done{0};
     auto sweep = [&](long tasks, auto&& task) {
         tbb::parallel_for(tbb::blocked_range<long>(0, tasks, 1), [&](const tbb::blocked_range<long>& range) {
@@ -396,14 +577,17 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         });
     };
     // Row y of input plan q, as the first sweep reads it.
-    auto readRow = [&](Scratch<T>& s, long q, long y) {
-        const T* row = rowOf(in, q, y);
+    auto scan = [&](Scratch<T>& s, const T* voxels, long count) {
         if constexpr (isFloat) {
             if (scanAsRead) {
-                scanRow(row, g.n[0], s.seen);
+                scanRow(voxels, count, s.seen);
                 if (s.seen.foldOrderShows()) shows = true;
             }
         }
+    };
+    auto readRow = [&](Scratch<T>& s, long q, long y) {
+        const T* row = rowOf(in, q, y);
+        scan(s, row, g.n[0]);
         return row;
     };
     // The window of reach r over lines 0 .. count - 1 of w voxels (border beyond them), giving the
@@ -423,7 +607,10 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         }
     };
 
-    if (g.fused && g.ring) {
+    if (g.tiles) {
+        if (g.r[0] == 2) cubeTiles<D, T, 5>(g, in, out, border, poll, sweep, scan);
+        else cubeTiles<D, T, 7>(g, in, out, border, poll, sweep, scan);
+    } else if (g.fused && g.ring) {
         const long h = g.height, bands = (g.n[1] + h - 1) / h;
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
             const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
@@ -521,6 +708,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         for (const Scratch<T>& s : scratch) all.add(s.seen);
         if (all.foldOrderShows()) return generic::BoxOutcome::FoldOrderShows;
     }
+    if (g.tiles) return generic::BoxOutcome::Done;
     // Sweeps along columns (unfused) and plans, in place on the output, in strips of columns.
     for (int axis = g.fused ? 2 : 1; axis < g.axes; ++axis) {
         const long columns = g.stripColumns[axis], w = g.stripWidth[axis], strips = (columns + w - 1) / w;

@@ -52,7 +52,7 @@ template <class Functor>
 bool boxStage(algorithms::AbstractPrivateImplementation& step, Neighbourhood n, unsigned long passes,
               const ImageModel& in, ImageModel& out, std::uint64_t budget) {
     const generic::Stage stage{n, unsigned(passes), {}};
-    if (!simdBoxWanted(stage)) return false;
+    if (!simdBoxWanted(stage, in, out)) return false;
     StepPoll poll(step);
     return runBoxSimd(in, out, stage, std::is_same_v<Functor, DilationFunctor>, budget, poll) ==
            generic::BoxOutcome::Done;

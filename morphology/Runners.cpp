@@ -21,22 +21,25 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
     return helper::commonAcceptance(t);
 }
 
-bool simdBoxWanted(const generic::Stage& stage) {
-    return generic::isBoxStage(stage) && stage.passes >= simdBoxFromPasses(stage.neighbourhood) && generic::boxEnabled();
+bool simdBoxWanted(const generic::Stage& stage, const ImageModel& in, const ImageModel& out) {
+    if (!generic::isBoxStage(stage) || !generic::boxEnabled()) return false;
+    if (stage.neighbourhood == Neighbourhood::TwentySix && stage.passes >= 2 && stage.passes <= kCubeTilesUpTo)
+        return &in != &out;
+    return stage.passes >= simdBoxFromPasses(stage.neighbourhood);
 }
 
 bool runAsBox(SquareMorphology* algo, int dimensions) {
     const generic::Stage stage{generic::neighbourhoodOf(dimensions, algo->neighborhood.get()),
                                algo->kernelRadius.get(), {}};
-    if (!simdBoxWanted(stage)) return false;
+    const ImageModel& in = *algo->inputImage.get();
+    ImageModel& out = *algo->outputImage.get();
+    if (!simdBoxWanted(stage, in, out)) return false;
     struct AlgoPoll : generic::BoxPoll {
         BaseAlgorithm& algo;
         explicit AlgoPoll(BaseAlgorithm& a) : algo(a) {}
         bool cancelled() override { return algo.isCancelRequested(); }
         void progress(double fraction) override { algo.reportProgress(fraction); }
     } poll(*algo);
-    const ImageModel& in = *algo->inputImage.get();
-    ImageModel& out = *algo->outputImage.get();
     const std::uint64_t budget = algo->getMaximumExtraMemoryUsageInBytes();
     const generic::BoxOutcome outcome = runBoxSimd(in, out, stage, algo->isDilation(), budget, poll);
     if (outcome == generic::BoxOutcome::Done) return true;

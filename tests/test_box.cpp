@@ -152,15 +152,16 @@ generic::BoxOutcome runBox(const BoxCase& c, const ImageModel& input, ImageModel
 
 // Box against plain passes; `expected` says whether the box must run or step aside (then it must
 // leave the output as it was).
-void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expected, std::uint64_t seed) {
+void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expected, std::uint64_t seed,
+           std::uint64_t budget = kHuge) {
     MemoryImage input(t, c.extents), reference(t, c.extents), out(t, c.extents);
     fill(input, seed, data);
     std::memset(out.data(), 0x5a, out.getSizeInBytes());
     const std::vector<char> before = c.inPlace ? bytesOf(input) : bytesOf(out);
     plainPasses(c.dims, c.dilate, c.passes, input, reference);
     CountingPoll poll;
-    const generic::BoxOutcome outcome = runBox(c, input, out, poll);
-    ASSERT_EQ(outcome, expected) << c.name(t) << ": " << generic::boxOutcomeName(outcome);
+    const generic::BoxOutcome outcome = runBox(c, input, out, poll, budget);
+    ASSERT_EQ(outcome, expected) << c.name(t) << " budget " << budget << ": " << generic::boxOutcomeName(outcome);
     if (outcome == generic::BoxOutcome::Done) {
         ASSERT_EQ(bytesOf(out), bytesOf(reference)) << c.name(t);
         EXPECT_EQ(poll.highest.load(), 1.0) << c.name(t);
@@ -438,6 +439,43 @@ TEST(SimdBoxTest, NarrowerBudgetsTakeNarrowerRoutesOrStepAside) {
                 EXPECT_EQ(bytesOf(out), bytes ? bytesOf(reference) : before) << what;
             }
         }
+}
+
+// Cubes of 2 and 3 passes out of place go in tiles along all three axes at once: tiles from whole
+// rows (several across a wide row of a wide type) down to one vector by one row under narrower
+// budgets, partial tiles at the right and lower edges, several cubes of a 4D image, floats where
+// the fold order shows.
+TEST(SimdBoxTest, CubeTilesOfEverySizeGiveThePassesBytes) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    const Extents sizes[] = {{100, 37, 11, 1, 1}, {33, 7, 4, 2, 1}, {700, 5, 3, 1, 1}};
+    std::uint64_t seed = 5000;
+    for (const Extents& e : sizes)
+        for (unsigned passes : {2u, 3u})
+            for (VoxelTypes t : {UInt8, Int16, UInt32, Float, Double})
+                for (std::uint64_t budget : {kHuge, std::uint64_t(40000), std::uint64_t(6000), std::uint64_t(2500)}) {
+                    const BoxCase c{3, e, passes, seed % 2 == 0, false, 1 + int(seed / 2 % 2)};
+                    const bool nan = (t == Float || t == Double) && budget == 6000;
+                    check(c, t, nan ? Data::NaNs : Data::Finite,
+                          nan ? generic::BoxOutcome::FoldOrderShows : generic::BoxOutcome::Done, ++seed, budget);
+                }
+}
+
+// A single NaN anywhere, in narrow tiles with partial ones at the edges: each voxel is scanned.
+TEST(SimdBoxTest, CubeTilesFindASingleNaNAnywhere) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    const BoxCase c{3, {21, 7, 4, 1, 1}, 3, true, false, 2};
+    MemoryImage in(Float, c.extents), out(Float, c.extents);
+    fill(in, 6000, Data::Finite);
+    float* voxels = in.dataAs<float>();
+    for (std::uint64_t i = 0; i < in.getNumOfVoxels(); ++i) {
+        const float kept = voxels[i];
+        voxels[i] = std::numeric_limits<float>::quiet_NaN();
+        CountingPoll poll;
+        ASSERT_EQ(runBox(c, in, out, poll, 2500), generic::BoxOutcome::FoldOrderShows) << "NaN at voxel " << i;
+        voxels[i] = kept;
+    }
 }
 
 TEST(SimdBoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) {
