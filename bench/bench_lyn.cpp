@@ -49,7 +49,8 @@ struct Shape {
     std::uint64_t cols, rows, plans;
 };
 // The default sizes hold 16 to 64 MiB; on a machine whose L3 holds that, memory-bound figures
-// need larger ones: LYN_BENCH_VOLUME and LYN_BENCH_PLANE take COLSxROWSxPLANS and COLSxROWS.
+// need larger ones: LYN_BENCH_VOLUME (uint8 volumes), LYN_BENCH_CUBE (the other types' volumes)
+// and LYN_BENCH_PLANE take COLSxROWSxPLANS, COLSxROWSxPLANS and COLSxROWS.
 Shape shapeFromEnv(const char* name, Shape s) {
     if (const char* v = std::getenv(name)) {
         unsigned long long c = 0, r = 0, p = 1;
@@ -63,7 +64,7 @@ Shape shapeFromEnv(const char* name, Shape s) {
     return s;
 }
 const Shape kVolume = shapeFromEnv("LYN_BENCH_VOLUME", {512, 512, 256});
-constexpr Shape kCube{256, 256, 256};
+const Shape kCube = shapeFromEnv("LYN_BENCH_CUBE", {256, 256, 256});
 const Shape kPlane = shapeFromEnv("LYN_BENCH_PLANE", {4096, 4096, 1});
 
 // Range: values in [10, 200], so no type's whole range is present and extrema scan everything.
