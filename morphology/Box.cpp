@@ -18,8 +18,9 @@
 // only after reading every row within reach below it, and no other band reads it); a single plan
 // in place goes as rows and then strips along columns.
 //
-// A cube of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk along the
-// plans, boxed along all three axes at once (cubeTiles), so that only the output is written.
+// A cube of bytes of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk
+// along the plans, boxed along all three axes at once (cubeTiles), so that only the output is
+// written.
 #include "morphology/Box.h"
 
 #include <algorithm>
@@ -105,12 +106,13 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     const std::uint64_t cap = std::min(std::max(kWorkerBytes, image / workers), (budget - 1) / workers);
     const long wanted = 4 * long(workers);
     const long plans = g.n[2] * g.n[3] * g.n[4];
-    if (g.axes == 3 && !inPlace && (stage.passes == 2 || stage.passes == 3) && g.r[0] == long(stage.passes) &&
-        g.r[1] == g.r[0] && g.r[2] == g.r[0]) {
+    if (g.axes == 3 && !inPlace && size == 1 && (stage.passes == 2 || stage.passes == 3) &&
+        g.r[0] == long(stage.passes) && g.r[1] == g.r[0] && g.r[2] == g.r[0]) {
         // Short reaches: each plan's part of a tile boxed along x and y in registers, and joined
         // along plans from a ring (cubeTiles), so that no intermediate image is written. Tiles read
         // the rows around them, so the input must stay as it is: not in place. Where they do not
-        // fit, the sweeps below serve.
+        // fit, the sweeps below serve. Bytes only: a vector of wider types holds fewer voxels for
+        // the same folds, and on 1 GiB of float32 the tiles measured slower than the passes.
         const long vector = long(32 / size), r = g.r[0];
         long w = std::min((g.n[0] + vector - 1) / vector * vector, kTileRowBytes / long(size));
         long h = std::min(g.n[1], kTileRows);
@@ -403,10 +405,9 @@ bool foldOrderShows(const MemoryLayout& m, const long* n, generic::BoxPoll& poll
 // loads for two rows) into a ring of k + 1 tiles, and each pair of output tiles is folded from the
 // ring's tiles (they share k - 1 of them) straight into the output's rows. Nothing but the input,
 // the ring and the output is stored, where the sweeps below store every intermediate line.
-// `scan(s, voxels, count)` sees each input voxel once, as it is read.
-template <bool D, class T, int K, class Sweep, class Scan>
+template <bool D, class T, int K, class Sweep>
 void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T border, generic::BoxPoll& poll,
-               Sweep&& sweep, Scan&& scan) {
+               Sweep&& sweep) {
     using F = Fold<D, T>;
     using O = typename F::O;
     constexpr long N = F::N, R = K / 2;
@@ -494,7 +495,6 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
                         continue;
                     }
                     const T* src = rowAt(in, inCube, z, y);
-                    if (y >= y0 && y < y0 + h) scan(s, src + x0, w);
                     for (long x = 0; x < wp; x += N) boxAlongX(src, x, row);
                 }
                 // Along y, two rows at a time: they share k - 1 of their k rows.
@@ -577,17 +577,14 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         });
     };
     // Row y of input plan q, as the first sweep reads it.
-    auto scan = [&](Scratch<T>& s, const T* voxels, long count) {
+    auto readRow = [&](Scratch<T>& s, long q, long y) {
+        const T* row = rowOf(in, q, y);
         if constexpr (isFloat) {
             if (scanAsRead) {
-                scanRow(voxels, count, s.seen);
+                scanRow(row, g.n[0], s.seen);
                 if (s.seen.foldOrderShows()) shows = true;
             }
         }
-    };
-    auto readRow = [&](Scratch<T>& s, long q, long y) {
-        const T* row = rowOf(in, q, y);
-        scan(s, row, g.n[0]);
         return row;
     };
     // The window of reach r over lines 0 .. count - 1 of w voxels (border beyond them), giving the
@@ -608,8 +605,10 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
     };
 
     if (g.tiles) {
-        if (g.r[0] == 2) cubeTiles<D, T, 5>(g, in, out, border, poll, sweep, scan);
-        else cubeTiles<D, T, 7>(g, in, out, border, poll, sweep, scan);
+        if constexpr (sizeof(T) == 1) {
+            if (g.r[0] == 2) cubeTiles<D, T, 5>(g, in, out, border, poll, sweep);
+            else cubeTiles<D, T, 7>(g, in, out, border, poll, sweep);
+        }
     } else if (g.fused && g.ring) {
         const long h = g.height, bands = (g.n[1] + h - 1) / h;
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
@@ -708,7 +707,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         for (const Scratch<T>& s : scratch) all.add(s.seen);
         if (all.foldOrderShows()) return generic::BoxOutcome::FoldOrderShows;
     }
-    if (g.tiles) return generic::BoxOutcome::Done;
+    if (g.tiles) return generic::BoxOutcome::Done;  // bytes only: nothing to scan
     // Sweeps along columns (unfused) and plans, in place on the output, in strips of columns.
     for (int axis = g.fused ? 2 : 1; axis < g.axes; ++axis) {
         const long columns = g.stripColumns[axis], w = g.stripWidth[axis], strips = (columns + w - 1) / w;

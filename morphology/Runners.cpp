@@ -1,5 +1,6 @@
 #include "morphology/Runners.h"
 
+#include "host/VoxelTypes.h"
 #include "host/generic/Generic.h"
 #include "morphology/Box.h"
 
@@ -24,7 +25,7 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
 bool simdBoxWanted(const generic::Stage& stage, const ImageModel& in, const ImageModel& out) {
     if (!generic::isBoxStage(stage) || !generic::boxEnabled()) return false;
     if (stage.neighbourhood == Neighbourhood::TwentySix && stage.passes >= 2 && stage.passes <= kCubeTilesUpTo)
-        return &in != &out;
+        return &in != &out && helper::getSizeOf(in.getVoxelType()) == 1;
     return stage.passes >= simdBoxFromPasses(stage.neighbourhood);
 }
 

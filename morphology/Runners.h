@@ -24,8 +24,8 @@ bool squareCubeRunnable(BaseAlgorithm* algo, const PassLimits& limits, SquareMor
 
 // From 3 square (5 cube) passes on, images in memory go through the plug-in's box (morphology/Box.h),
 // which costs about the same whatever the passes: below, the passes cost less (docs/performance.md,
-// "The plug-in's box"), but for cubes of 2 to kCubeTilesUpTo passes out of place, which the box
-// computes in tiles along all three axes at once. Where it steps aside for want of room, the
+// "The plug-in's box"), but for cubes of bytes of 2 to kCubeTilesUpTo passes out of place, which
+// the box computes in tiles along all three axes at once. Where it steps aside for want of room, the
 // host's box, whose strips can be narrower, serves from kBoxFromPasses passes on, where it costs
 // less than the passes (docs/performance.md, "Many passes in the host"). Images on disk, float NaN
 // or zeros of both signs, and LYN_GENERIC_BOX false keep the passes. True when a box served it.
