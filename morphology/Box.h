@@ -18,6 +18,10 @@ namespace morphology {
 generic::BoxOutcome runBoxSimd(const ImageModel& source, ImageModel& output, const generic::Stage& stage, bool dilate,
                                std::uint64_t memoryBudget, generic::BoxPoll& poll);
 
+// Whether a cube of reach 2 or 3 goes in tiles (budget allowing), where the sweeps would cost more
+// than the passes they replace.
+bool cubeTilesServe(const Extents& extents, std::size_t elementSize, const generic::Stage& stage, bool inPlace);
+
 // The buffers runBoxSimd would take for such images, all workers together; 0 when it would step
 // aside for want of room. Strictly below the budget, and per worker within 1 MiB or the image's
 // share, whichever is larger.

@@ -24,9 +24,8 @@ bool squareCubeRunnable(BaseAlgorithm*, const PassLimits& limits, SquareMorpholo
 
 bool simdBoxWanted(const generic::Stage& stage, const ImageModel& in, const ImageModel& out) {
     if (!generic::isBoxStage(stage) || !generic::boxEnabled()) return false;
-    if (stage.neighbourhood == Neighbourhood::TwentySix && stage.passes >= 2 && stage.passes <= kCubeTilesUpTo)
-        return &in != &out && helper::getSizeOf(in.getVoxelType()) == 1;
-    return stage.passes >= simdBoxFromPasses(stage.neighbourhood);
+    if (stage.passes >= simdBoxFromPasses(stage.neighbourhood)) return true;
+    return cubeTilesServe(in.extents(), helper::getSizeOf(in.getVoxelType()), stage, &in == &out);
 }
 
 bool runAsBox(SquareMorphology* algo, int dimensions) {

@@ -14,6 +14,7 @@
 #include "Core/private/Filters/FilterTags.h"
 #include "host/PrivateImplementation.h"
 #include "host/Settings.h"
+#include "simd/Streaming.h"
 #include "simd/AlignedAllocator.h"
 
 namespace lyn {
@@ -35,8 +36,7 @@ public:
     RecursiveImageContext(std::shared_ptr<const InView> source, std::shared_ptr<OutView> target,
                           BaseTbbAlgorithm* filter = nullptr)
         : m_source(std::move(source)), m_target(std::move(target)), m_filter(filter),
-          m_stream(m_target->getInterface()->getSizeInBytes() >=
-                   globalSettings()->getValueAsBytes("LYN_STREAMING_STORES_MIN_BYTES", kStreamingDefault)) {}
+          m_stream(SimdVec::streamingStores(m_target->getInterface()->getSizeInBytes())) {}
 
     const std::shared_ptr<const InView>& getInputView() const { return m_source; }
     const std::shared_ptr<OutView>& getOutputView() const { return m_target; }
@@ -78,7 +78,6 @@ private:
     tbb::enumerable_thread_specific<std::shared_ptr<OutPlanCache>> m_outPlans;
     BaseTbbAlgorithm* m_filter;
     bool m_stream;
-    static constexpr std::uint64_t kStreamingDefault = std::uint64_t(8) << 20;
 };
 
 namespace details {
