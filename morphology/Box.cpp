@@ -18,7 +18,7 @@
 // only after reading every row within reach below it, and no other band reads it); a single plan
 // in place goes as rows and then strips along columns.
 //
-// A cube of bytes of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk
+// A cube of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk
 // along the plans, boxed along all three axes at once (cubeTiles), so that only the output is
 // written, with streaming stores where it is large.
 #include "morphology/Box.h"
@@ -398,16 +398,33 @@ bool foldOrderShows(const MemoryLayout& m, const long* n, generic::BoxPoll& poll
 }
 
 
-// Bytes along a row held in consecutive vectors, shifted: element i of after<S>(v, next) is element
-// i + S of v followed by next; element i of before<S>(prev, v) is element i - S of prev followed by v.
-template <int S>
-LYN_INLINE __m256i after(__m256i v, __m256i next) {
-    return _mm256_alignr_epi8(_mm256_permute2x128_si256(v, next, 0x21), v, S);
+// A row held in consecutive vectors, shifted by B bytes: byte i of afterBytes<B>(v, next) is byte
+// i + B of v followed by next; byte i of beforeBytes<B>(prev, v) is byte i - B of prev followed by v.
+template <int B>
+LYN_INLINE __m256i afterBytes(__m256i v, __m256i next) {
+    static_assert(B > 0 && B <= 16, "folds of 2 and 4 shift by one or two elements");
+    const __m256i middle = _mm256_permute2x128_si256(v, next, 0x21);  // v's high half, next's low half
+    if constexpr (B < 16) return _mm256_alignr_epi8(middle, v, B);
+    else return middle;
 }
-template <int S>
-LYN_INLINE __m256i before(__m256i prev, __m256i v) {
-    if constexpr (S == 0) return v;
-    else return _mm256_alignr_epi8(v, _mm256_permute2x128_si256(prev, v, 0x21), 16 - S);
+template <int B>
+LYN_INLINE __m256i beforeBytes(__m256i prev, __m256i v) {
+    const __m256i middle = _mm256_permute2x128_si256(prev, v, 0x21);
+    if constexpr (B == 0) return v;
+    else if constexpr (B < 16) return _mm256_alignr_epi8(v, middle, 16 - B);
+    else if constexpr (B == 16) return middle;
+    else return _mm256_alignr_epi8(middle, prev, 32 - B);
+}
+// The same by S elements of T.
+template <class T, int S, class V>
+LYN_INLINE V after(V v, V next) {
+    using O = SimdVec::Ops<T>;
+    return O::fromBits(afterBytes<S * int(sizeof(T))>(O::bits(v), O::bits(next)));
+}
+template <class T, int S, class V>
+LYN_INLINE V before(V prev, V v) {
+    using O = SimdVec::Ops<T>;
+    return O::fromBits(beforeBytes<S * int(sizeof(T))>(O::bits(prev), O::bits(v)));
 }
 
 // Windows of k = K consecutive lines, line(d) for d = 0 .. K - 1 + `count` - 1, into o[0 .. count):
@@ -433,18 +450,19 @@ LYN_INLINE void windows(Line&& line, typename F::O::V* o) {
     }
 }
 
-// A cube of bytes of reach r = 2 or 3 along every axis, in tiles of w columns by h rows that run
+// A cube of reach r = 2 or 3 along every axis, in tiles of w columns by h rows that run
 // along the plans. Each plan's part of a tile is folded along y straight from the input, four rows
 // at a time (windows), then along x in registers (folds of 2, then of 4, then two of those shifted:
 // three folds a vector where k = 2r + 1 loads would cost k - 1, half of them split across cache
 // lines), into a ring of k + 3 tiles; every four output plans are folded from the ring's tiles
 // straight into the output's rows. Nothing but the input, the ring and the output is stored, where
 // the sweeps below store every intermediate line.
-// `stream`: the output goes out with streaming stores where vectors are aligned.
-template <bool D, class T, int K, class Sweep>
+// `stream`: the output goes out with streaming stores where vectors are aligned. scan(s, row, n)
+// sees each of the tile's rows once, before it is folded; true stops the tile.
+template <bool D, class T, int K, class Sweep, class Scan>
 void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T border, bool stream,
-               generic::BoxPoll& poll, Sweep&& sweep) {
-    static_assert(sizeof(T) == 1 && (K == 5 || K == 7), "bytes, reach 2 or 3");
+               generic::BoxPoll& poll, Sweep&& sweep, Scan&& scan) {
+    static_assert(K == 5 || K == 7, "reach 2 or 3");
     using F = Fold<D, T>;
     using O = typename F::O;
     using V = typename O::V;
@@ -501,14 +519,14 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
             auto v = [&](long c) { return O::load(line + (c + 1) * N); };
             V v1 = v(1);
             const V vm = v(-1), v0 = v(0);
-            const V am = F::v(vm, after<1>(vm, v0));
-            V a0 = F::v(v0, after<1>(v0, v1));
-            V bm = F::v(am, after<2>(am, a0));
+            const V am = F::v(vm, after<T, 1>(vm, v0));
+            V a0 = F::v(v0, after<T, 1>(v0, v1));
+            V bm = F::v(am, after<T, 2>(am, a0));
             for (long c = 0; c < nv; ++c) {
                 const V v2 = c + 2 <= nv ? v(c + 2) : v1;  // past the column beside: unused lanes
-                const V a1 = F::v(v1, after<1>(v1, v2));
-                const V b0 = F::v(a0, after<2>(a0, a1));
-                O::store(dst + c * N, F::v(before<R>(bm, b0), before<R - (K - 4)>(bm, b0)));
+                const V a1 = F::v(v1, after<T, 1>(v1, v2));
+                const V b0 = F::v(a0, after<T, 2>(a0, a1));
+                O::store(dst + c * N, F::v(before<T, R>(bm, b0), before<T, R - (K - 4)>(bm, b0)));
                 bm = b0;
                 a0 = a1;
                 v1 = v2;
@@ -534,13 +552,17 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
                 if (z + kLinesAhead < n2)
                     for (long y = std::max(0L, y0 - R); y < std::min(n1, y0 + h + R); ++y) {
                         const char* p = reinterpret_cast<const char*>(rowAt(in, inCube, z + kLinesAhead, y) + x0);
-                        for (long at = left ? -N : 0; at < std::min(wp + N, n0 - x0); at += 64)
+                        const long bytes = long(sizeof(T)) * std::min(wp + N, n0 - x0);
+                        for (long at = left ? -N * long(sizeof(T)) : 0; at < bytes; at += 64)
                             __builtin_prefetch(p + at, 0, 3);
                     }
                 for (long i = 0; i < h + 2 * R; ++i) {
                     const long y = y0 - R + i;
                     rows[i] = y < 0 || y >= n1 ? borderLine + N : rowAt(in, inCube, z, y) + x0;
                 }
+                bool stop = false;
+                for (long i = R; i < R + h; ++i) stop |= scan(s, rows[i], w);
+                if (stop) return w * h * n2;
                 long i = 0;
                 for (; i + 4 <= h; i += 4) {
                     alongY(i, std::integral_constant<int, 4>());
@@ -653,11 +675,18 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
     };
 
     if (g.tiles) {
-        if constexpr (sizeof(T) == 1) {
-            const bool stream = SimdVec::streamingStores(std::uint64_t(voxels) * sizeof(T));
-            if (g.r[0] == 2) cubeTiles<D, T, 5>(g, in, out, border, stream, poll, sweep);
-            else cubeTiles<D, T, 7>(g, in, out, border, stream, poll, sweep);
-        }
+        const bool stream = SimdVec::streamingStores(std::uint64_t(voxels) * sizeof(T));
+        // Each input row once, as its tile first reads it.
+        auto scan = [&](Scratch<T>& s, const T* row, long n) {
+            if constexpr (isFloat) {
+                scanRow(row, n, s.seen);
+                if (s.seen.foldOrderShows()) shows = true;
+                return shows.load(std::memory_order_relaxed);
+            }
+            return false;
+        };
+        if (g.r[0] == 2) cubeTiles<D, T, 5>(g, in, out, border, stream, poll, sweep, scan);
+        else cubeTiles<D, T, 7>(g, in, out, border, stream, poll, sweep, scan);
     } else if (g.fused && g.ring) {
         const long h = g.height, bands = (g.n[1] + h - 1) / h;
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
@@ -756,7 +785,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         for (const Scratch<T>& s : scratch) all.add(s.seen);
         if (all.foldOrderShows()) return generic::BoxOutcome::FoldOrderShows;
     }
-    if (g.tiles) return generic::BoxOutcome::Done;  // bytes only: nothing to scan
+    if (g.tiles) return generic::BoxOutcome::Done;
     // Sweeps along columns (unfused) and plans, in place on the output, in strips of columns.
     for (int axis = g.fused ? 2 : 1; axis < g.axes; ++axis) {
         const long columns = g.stripColumns[axis], w = g.stripWidth[axis], strips = (columns + w - 1) / w;
@@ -801,11 +830,10 @@ namespace morphology {
 
 bool cubeTilesServe(const Extents& e, std::size_t elementSize, const generic::Stage& stage, bool inPlace) {
     // Tiles read the rows around them, so the input must stay as it is. Rows of a vector at least:
-    // a row's last vector is read whole. Bytes only: on 1 GiB of float32 the tiles measured slower
-    // than the passes.
+    // a row's last vector is read whole.
     const long r = long(stage.passes);
-    return stage.neighbourhood == Neighbourhood::TwentySix && !inPlace && elementSize == 1 &&
-           (r == 2 || r == 3) && long(e[0]) >= 32 && long(e[1]) >= r && long(e[2]) >= r;
+    return stage.neighbourhood == Neighbourhood::TwentySix && !inPlace && (r == 2 || r == 3) &&
+           long(e[0]) >= long(32 / elementSize) && long(e[1]) >= r && long(e[2]) >= r;
 }
 
 std::uint64_t boxSimdWorkingBytes(const Extents& extents, std::size_t elementSize, const generic::Stage& stage,

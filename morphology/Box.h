@@ -5,7 +5,7 @@
 // thing: it steps aside, having written nothing, where its buffers would not fit, and where the fold
 // order would show, in place; out of place, it finds a NaN or zeros of both signs as it reads the
 // rows, and may have written some of the output by then (the passes that follow overwrite it).
-// A cube of bytes of 2 or 3 passes out of place goes in tiles along all three axes at once (Box.cpp).
+// A cube of 2 or 3 passes out of place goes in tiles along all three axes at once (Box.cpp).
 #include <cstdint>
 
 #include "host/generic/Generic.h"
