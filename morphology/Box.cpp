@@ -68,6 +68,17 @@ long flatPitch(long n, long r, std::size_t size) {
 }
 bool bySegments(long r) { return log2Floor(2 * r + 1) > 2; }
 long windowLines(long r) { return bySegments(r) ? 2 * (2 * r + 1) + 1 : 2 * r + 1 + log2Floor(2 * r + 1); }
+// The lines a strip's sweep holds: by segments, two segments as read, one folded forward and a line
+// folded backward (sweep's `segments`); else a Window.
+long stripLines(long r) { return bySegments(r) ? 3 * (2 * r + 1) + 1 : windowLines(r); }
+// The folds rowInRegisters keeps of a row of n voxels boxed with reach r: the row's vectors,
+// ceil(r / N) before it (the windows start r before their voxel, and end before the next vector as
+// p > r), and as many after it as its steps by whole vectors reach.
+long rowFoldsLength(long n, long r, std::size_t size) {
+    const long lanes = long(32 / size), p = 1L << log2Floor(2 * r + 1);
+    const long before = (r + lanes - 1) / lanes, vectors = (n + lanes - 1) / lanes;
+    return (before + vectors + std::max(0L, p - lanes) / lanes) * lanes;
+}
 
 // A tile of a short-reach cube: at most this many bytes of a row (a whole row of most volumes, so
 // that each plan's part of a tile is one run of memory) by this many rows.
@@ -137,9 +148,12 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     g.ring = padBytes >= kRingRowBytes;
     // Ring: a window of rows and the padded row. Flat: a band of h output rows holds its h + 2r
     // input rows twice, padded: as read and folded along x, then folded along y.
+    // By segments, also a row of backward folds and a row's folds along x.
+    const std::uint64_t segmentBytes =
+        bySegments(g.r[1]) ? flatBytes + std::uint64_t(rowFoldsLength(g.n[0], g.r[0], size)) * size : 0;
     auto bandBytes = [&](long h) {
         if (g.ring) return std::uint64_t(windowLines(g.r[1])) * std::uint64_t(g.n[0]) * size + padBytes;
-        return 2 * std::uint64_t(h + 2 * g.r[1]) * flatBytes;
+        return 2 * std::uint64_t(h + 2 * g.r[1]) * flatBytes + segmentBytes;
     };
     if (inPlace) {
         // Whole plans only: a band cut from a plan would overwrite rows its neighbour still reads.
@@ -150,7 +164,10 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
         // edges again, and fewer rows than that would cost more than a second sweep.
         const long perPlan = (wanted + plans - 1) / plans;
         long h = std::min(g.n[1], std::max((g.n[1] + perPlan - 1) / perPlan, 2 * g.r[1]));
-        if (!g.ring) h = std::min(h, long(std::min(cap, kBandBytes) / (2 * flatBytes)) - 2 * g.r[1]);
+        if (!g.ring) {
+            const std::uint64_t room = std::min(cap, kBandBytes);
+            h = std::min(h, long((room - std::min(room, segmentBytes)) / (2 * flatBytes)) - 2 * g.r[1]);
+        }
         g.fused = h >= std::min(2 * g.r[1], g.n[1]) && h > 0 && bandBytes(h) <= cap;
         g.height = std::max(h, 1L);
     }
@@ -164,7 +181,7 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     for (int a = g.fused ? 2 : 1; a < g.axes; ++a) {
         g.stripColumns[a] = a == 2 && flatPlans ? g.n[0] * g.n[1] : g.n[0];
         const long across = g.n[0] * g.n[1] * plans / g.n[a] / g.stripColumns[a];
-        const std::uint64_t perColumn = std::uint64_t(windowLines(g.r[a])) * size;
+        const std::uint64_t perColumn = std::uint64_t(stripLines(g.r[a])) * size;
         const long want = std::max<long>(1, (wanted + across - 1) / std::max(across, 1L));
         long w = long(std::min<std::uint64_t>(std::uint64_t(g.stripColumns[a]), std::min(cap, kStripBytes) / perColumn));
         w = std::min(w, (g.stripColumns[a] + want - 1) / want);
@@ -427,6 +444,70 @@ LYN_INLINE V before(V prev, V v) {
     return O::fromBits(beforeBytes<S * int(sizeof(T))>(O::bits(prev), O::bits(v)));
 }
 
+// Folds of 2^L consecutive elements along a row pushed a vector at a time, by doubling in
+// registers: the push of vector j gives vector j - L of the folds, lane i the fold of the 2^L
+// elements from that lane's on. The steps shift by at most half a vector.
+template <class F, class T, int L>
+struct Doubling {
+    using V = typename F::O::V;
+    V newest[L]{};  // the last vector given to each step
+    template <int l = 0>
+    LYN_INLINE V push(V x) {
+        if constexpr (l == L) {
+            return x;
+        } else {
+            const V previous = newest[l];
+            newest[l] = x;
+            return push<l + 1>(F::v(previous, after<T, (1 << l)>(previous, x)));
+        }
+    }
+};
+
+// A row of n voxels boxed along itself with reach r, border values beyond it, in vector code: the
+// folds of p elements (p the largest power of two not above k = 2r + 1), by doubling in registers
+// up to half a vector's lanes and then by whole vectors in `folds` (rowFoldsLength long); then
+// two of those overlapping, vector c = 0 .. ceil(n / N) - 1 of the row given to emit(c, v). Lanes
+// past the row's end are given too, and hold what no one should read.
+template <bool D, class T, int L, class Emit>
+LYN_INLINE void rowByDoubling(const T* row, long n, long r, T border, T* folds, Emit&& emit) {
+    using F = Fold<D, T>;
+    using O = typename F::O;
+    using V = typename O::V;
+    constexpr long N = F::N, P = 1L << L;
+    const long k = 2 * r + 1, p = 1L << log2Floor(k);
+    const long beside = (r + N - 1) / N, vectors = (n + N - 1) / N;
+    const long end = vectors + std::max(0L, p - N) / N;  // the folds of P wanted: -beside .. end - 1
+    alignas(32) T edge[N];
+    std::fill_n(edge, N, border);
+    const V b = O::load(edge);
+    std::memcpy(edge, row + n / N * N, std::size_t(n % N) * sizeof(T));  // the row's last vector, if partial
+    T* const at = folds + beside * N;  // element 0 of the row
+    Doubling<F, T, L> steps;
+    long j = -beside;
+    auto push = [&](V u) {
+        const V f = steps.push(u);
+        if (j - L >= -beside) O::store(at + (j - L) * N, f);
+        ++j;
+    };
+    while (j < 0) push(b);
+    while ((j + 1) * N <= n) push(O::load(row + j * N));
+    if (j * N < n) push(O::load(edge));
+    while (j < end + L) push(b);
+    for (long q = P; q < p; q *= 2) F::arrays(folds, folds, folds + q, (end + beside) * N - q);
+    for (long c = 0; c < vectors; ++c) emit(c, F::v(O::load(at + c * N - r), O::load(at + c * N - r + (k - p))));
+}
+template <bool D, class T, class Emit>
+LYN_INLINE void rowInRegisters(const T* row, long n, long r, T border, T* folds, Emit&& emit) {
+    constexpr int lanes = int(Fold<D, T>::N), most = lanes == 32 ? 5 : lanes == 16 ? 4 : lanes == 8 ? 3 : 2;
+    switch (std::min(int(log2Floor(2 * r + 1)), most)) {
+    case 1: rowByDoubling<D, T, 1>(row, n, r, border, folds, emit); break;
+    case 2: rowByDoubling<D, T, 2>(row, n, r, border, folds, emit); break;
+    case 3: if constexpr (most >= 3) rowByDoubling<D, T, 3>(row, n, r, border, folds, emit); break;
+    case 4: if constexpr (most >= 4) rowByDoubling<D, T, 4>(row, n, r, border, folds, emit); break;
+    default: if constexpr (most >= 5) rowByDoubling<D, T, 5>(row, n, r, border, folds, emit); break;
+    }
+}
+
 // Windows of k = K consecutive lines, line(d) for d = 0 .. K - 1 + `count` - 1, into o[0 .. count):
 // four windows share the k - 3 lines in their middle, two share k - 1, so that a line costs
 // (k + 4) / 4 folds in fours, (k + 1) / 2 in twos.
@@ -646,9 +727,8 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             }
         });
     };
-    // Row y of input plan q, as the first sweep reads it.
-    auto readRow = [&](Scratch<T>& s, long q, long y) {
-        const T* row = rowOf(in, q, y);
+    // An input row, as the first sweep reads it.
+    auto readRow = [&](Scratch<T>& s, const T* row) {
         if constexpr (isFloat) {
             if (scanAsRead) {
                 scanRow(row, g.n[0], s.seen);
@@ -673,6 +753,46 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             if (win.push(a, b)) Fold<D, T>::arrays(outLine(j - r), a, b, w);
         }
     };
+    // The same by segments of k lines, as the band does along y: each segment's lines folded forward
+    // as they arrive, then the segment before it backward, from its end, its output lines leaving as
+    // the backward fold reaches them, so that no backward fold is stored. In place, the lines
+    // written lie a segment behind those still to read.
+    auto segments = [&](Scratch<T>& s, long r, long count, long w, auto&& readLine, auto&& outLine) {
+        const long k = 2 * r + 1, lines = count + 2 * r;  // line i of the stream is line i - r
+        s.window.resize(std::size_t(stripLines(r) * w));
+        T* const read = s.window.data();  // two segments, as read
+        T* const forward = read + 2 * k * w;
+        T* const backward = forward + k * w;
+        for (long first = 0; first - k < count; first += k) {
+            if (poll.cancelled()) throw ExceptionCancelation();
+            T* const segment = read + first / k % 2 * k * w;
+            for (long i = first; i < std::min(first + k, lines); ++i) {
+                T* const line = segment + (i - first) * w;
+                if (i >= r && i < count + r) readLine(i - r, line);
+                else std::fill_n(line, w, border);
+                T* const f = forward + (i - first) * w;
+                if (i > first) Fold<D, T>::arrays(f, f - w, line, w);
+                else std::memcpy(f, line, std::size_t(w) * sizeof(T));
+            }
+            if (first == 0) continue;
+            // Output line o is the window of stream lines o .. o + k - 1.
+            const long from = first - k;
+            const T* const before = read + from / k % 2 * k * w;
+            std::memcpy(backward, before + (k - 1) * w, std::size_t(w) * sizeof(T));
+            for (long o = first - 1; o >= from; --o) {
+                if (o < first - 1) Fold<D, T>::arrays(backward, backward, before + (o - from) * w, w);
+                if (o >= count) continue;
+                // Lines written downward escape the hardware's prefetch: asked for here.
+                if (o - kLinesAhead >= from) {
+                    char* ahead = reinterpret_cast<char*>(outLine(o - kLinesAhead));
+                    for (long b = 0; b < w * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 1, 3);
+                }
+                // The window of the segment's first line is the segment.
+                if (o > from) Fold<D, T>::arrays(outLine(o), backward, forward + (o - 1 - from) * w, w);
+                else std::memcpy(outLine(o), backward, std::size_t(w) * sizeof(T));
+            }
+        }
+    };
 
     if (g.tiles) {
         const bool stream = SimdVec::streamingStores(std::uint64_t(voxels) * sizeof(T));
@@ -693,9 +813,71 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
             s.pad.resize(std::size_t(g.n[0] + 2 * g.r[0]));
             stream(s, g.r[1], y0, y1, g.n[1], g.n[0],
-                   [&](long y, T* line) { boxRow<D>(readRow(s, q, y), g.n[0], g.r[0], border, s.pad.data(), line); },
+                   [&](long y, T* line) { boxRow<D>(readRow(s, rowOf(in, q, y)), g.n[0], g.r[0], border, s.pad.data(), line); },
                    [&](long y) { return rowOf(out, q, y); });
             return (y1 - y0) * g.n[0];
+        });
+    } else if (g.fused && bySegments(g.r[1])) {
+        // Each row boxed along x in registers (rowInRegisters), then along y by segments of k rows
+        // (as Window does): forward folds as the rows arrive, then each segment backward, from its
+        // end, the output rows leaving as the backward fold reaches them, so that no backward fold
+        // is stored.
+        using O = typename Fold<D, T>::O;
+        using V = typename O::V;
+        constexpr long N = Fold<D, T>::N;
+        const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = flatPitch(g.n[0], g.r[0], sizeof(T));
+        const long n0 = g.n[0], r1 = g.r[1], k1 = 2 * r1 + 1, vectors = (n0 + N - 1) / N;
+        sweep(plans * bands, [&](long t, Scratch<T>& s) {
+            const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
+            const long m = y1 - y0 + 2 * r1;  // input rows y0 - r .. y1 + r - 1
+            s.pad.resize(std::size_t((2 * m + 1) * pitch + rowFoldsLength(n0, g.r[0], sizeof(T))));
+            T* const along = s.pad.data();        // the rows boxed along x
+            T* const forward = along + m * pitch;  // and folded forward within their segment
+            T* const backward = forward + m * pitch;
+            T* const folds = backward + pitch;
+            // The plan's first rows, once: rowOf divides.
+            const T* const source = rowOf(in, q, 0);
+            T* const target = rowOf(out, q, 0);
+            auto inRow = [&](long y) { return reinterpret_cast<const T*>(reinterpret_cast<const char*>(source) + y * in.strides[1]); };
+            auto outRow = [&](long y) { return reinterpret_cast<T*>(reinterpret_cast<char*>(target) + y * out.strides[1]); };
+            for (long i = 0; i < m; ++i) {
+                if (poll.cancelled()) throw ExceptionCancelation();
+                const long y = y0 - r1 + i;
+                T* const a = along + i * pitch;
+                T* const f = forward + i * pitch;
+                const T* const before = i % k1 ? f - pitch : nullptr;
+                if (y < 0 || y >= g.n[1]) {
+                    std::fill_n(a, vectors * N, border);
+                    if (before) Fold<D, T>::arrays(f, before, a, vectors * N);
+                    else std::fill_n(f, vectors * N, border);
+                    continue;
+                }
+                if (y + kLinesAhead < g.n[1]) {
+                    const char* ahead = reinterpret_cast<const char*>(inRow(y + kLinesAhead));
+                    for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
+                }
+                rowInRegisters<D>(readRow(s, inRow(y)), n0, g.r[0], border, folds, [&](long c, V v) {
+                    O::store(a + c * N, v);
+                    O::store(f + c * N, before ? Fold<D, T>::v(O::load(before + c * N), v) : v);
+                });
+            }
+            // Output row y0 + i is the window of band rows i .. i + k - 1: the backward fold of the
+            // segment holding i from i to the segment's end, with the forward fold at i + k - 1.
+            for (long from = 0; from < y1 - y0; from += k1) {
+                if (poll.cancelled()) throw ExceptionCancelation();
+                const long last = from + k1 - 1;
+                std::memcpy(backward, along + last * pitch, std::size_t(vectors * N) * sizeof(T));
+                for (long i = last; i >= from; --i) {
+                    // Rows written downward in memory escape the hardware's prefetch: asked for here.
+                    if (i - kLinesAhead >= from && i - kLinesAhead < y1 - y0) {
+                        char* ahead = reinterpret_cast<char*>(outRow(y0 + i - kLinesAhead));
+                        for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 1, 3);
+                    }
+                    if (i < last) Fold<D, T>::arrays(backward, backward, along + i * pitch, vectors * N);
+                    if (i < y1 - y0) Fold<D, T>::arrays(outRow(y0 + i), backward, forward + (i + k1 - 1) * pitch, n0);
+                }
+            }
+            return (y1 - y0) * n0;
         });
     } else if (g.fused) {
         const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = flatPitch(g.n[0], g.r[0], sizeof(T));
@@ -707,8 +889,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             s.pad.resize(std::size_t(2 * m * pitch));
             T* const a = s.pad.data();
             T* const b = a + m * pitch;
-            const bool segments = bySegments(g.r[1]);
-            const long n0 = g.n[0], chunk = std::max(1L, long(kChunkBytes / (std::uint64_t(pitch) * sizeof(T))));
+            const long chunk = std::max(1L, long(kChunkBytes / (std::uint64_t(pitch) * sizeof(T))));
             for (long c0 = 0; c0 < m; c0 += chunk) {
                 const long c1 = std::min(m, c0 + chunk);
                 // The next chunk's rows, asked of the cache while this one is folded.
@@ -725,7 +906,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                         std::fill_n(row, pitch, border);
                         continue;
                     }
-                    firstStep<D>(readRow(s, q, y), g.n[0], g.r[0], border, row);
+                    firstStep<D>(readRow(s, rowOf(in, q, y)), g.n[0], g.r[0], border, row);
                     // Read by the next steps, spoiling only what no one reads.
                     std::fill(row + g.n[0] + 2 * g.r[0] - 1, row + pitch, border);
                 }
@@ -738,36 +919,18 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                     valid -= p;
                 }
                 Fold<D, T>::arrays(b + c0 * pitch, ca, ca + (k0 - p0), valid - (k0 - p0));
-                // Along y in segments of k rows (Window says how), the forward folds now, into the
-                // chunk's rows of `a`, which the x steps no longer need.
-                if (segments)
-                    for (long i = c0; i < c1; ++i) {
-                        if (i % k1) Fold<D, T>::arrays(a + i * pitch, a + (i - 1) * pitch, b + i * pitch, n0);
-                        else std::memcpy(a + i * pitch, b + i * pitch, std::size_t(n0) * sizeof(T));
-                    }
             }
-            if (segments) {
-                // Then the backward folds in place.
+            // Along y (at most 7 rows, else the band above serves): rows folded with the rows 1, 2,
+            // 4, ... below.
+            long rows = m;
+            for (long p = 1; 2 * p <= k1; p *= 2) {
                 if (poll.cancelled()) throw ExceptionCancelation();
-                for (long i = m - 2; i >= 0; --i)
-                    if ((i + 1) % k1) Fold<D, T>::arrays(b + i * pitch, b + i * pitch, b + (i + 1) * pitch, n0);
-                for (long y = y0; y < y1; ++y) {
-                    const long i = y - y0;
-                    const T* forward = a + (i % k1 ? i + k1 - 1 : i) * pitch;
-                    Fold<D, T>::arrays(rowOf(out, q, y), b + i * pitch, forward, n0);
-                }
-            } else {
-                // Along y: rows folded with the rows 1, 2, 4, ... below.
-                long rows = m;
-                for (long p = 1; 2 * p <= k1; p *= 2) {
-                    if (poll.cancelled()) throw ExceptionCancelation();
-                    Fold<D, T>::arrays(b, b, b + p * pitch, (rows - p) * pitch);
-                    rows -= p;
-                }
-                for (long y = y0; y < y1; ++y) {
-                    const T* top = b + (y - y0) * pitch;
-                    Fold<D, T>::arrays(rowOf(out, q, y), top, top + (k1 - p1) * pitch, g.n[0]);
-                }
+                Fold<D, T>::arrays(b, b, b + p * pitch, (rows - p) * pitch);
+                rows -= p;
+            }
+            for (long y = y0; y < y1; ++y) {
+                const T* top = b + (y - y0) * pitch;
+                Fold<D, T>::arrays(rowOf(out, q, y), top, top + (k1 - p1) * pitch, g.n[0]);
             }
             return (y1 - y0) * g.n[0];
         });
@@ -775,7 +938,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         sweep(plans * g.n[1], [&](long t, Scratch<T>& s) {
             if (poll.cancelled()) throw ExceptionCancelation();
             s.pad.resize(std::size_t(g.n[0] + 2 * g.r[0]));
-            boxRow<D>(readRow(s, t / g.n[1], t % g.n[1]), g.n[0], g.r[0], border, s.pad.data(),
+            boxRow<D>(readRow(s, rowOf(in, t / g.n[1], t % g.n[1])), g.n[0], g.r[0], border, s.pad.data(),
                       rowOf(out, t / g.n[1], t % g.n[1]));
             return g.n[0];
         });
@@ -804,16 +967,16 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                 base += c % g.n[3] * out.strides[3] + c / g.n[3] * out.strides[4];
             }
             auto at = [&](long i) { return reinterpret_cast<T*>(base + i * step); };
-            stream(s, g.r[axis], 0, g.n[axis], g.n[axis], width,
-                   [&](long i, T* line) {
-                       // Lines a plan apart: the cache is asked for the one a few lines ahead.
-                       if (i + kLinesAhead < g.n[axis]) {
-                           const char* ahead = reinterpret_cast<const char*>(at(i + kLinesAhead));
-                           for (long b = 0; b < width * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
-                       }
-                       std::memcpy(line, at(i), std::size_t(width) * sizeof(T));
-                   },
-                   [&](long i) { return at(i); });
+            auto readLine = [&](long i, T* line) {
+                // Lines a plan apart: the cache is asked for the one a few lines ahead.
+                if (i + kLinesAhead < g.n[axis]) {
+                    const char* ahead = reinterpret_cast<const char*>(at(i + kLinesAhead));
+                    for (long b = 0; b < width * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
+                }
+                std::memcpy(line, at(i), std::size_t(width) * sizeof(T));
+            };
+            if (bySegments(g.r[axis])) segments(s, g.r[axis], g.n[axis], width, readLine, at);
+            else stream(s, g.r[axis], 0, g.n[axis], g.n[axis], width, readLine, at);
             return width * g.n[axis];
         });
     }
