@@ -490,6 +490,8 @@ void registerBox() {
             reg(name + "plugin", [p](benchmark::State& st) { benchMorph(st, p, true); });
         }
     }
+    const MorphCase wide{lyn::Float, kCube, 3, true, 2, 30, Impl::Plugin};
+    reg("morph3d/float32/dilate-26-x30/plugin", [wide](benchmark::State& st) { benchMorph(st, wide, true); });
 }
 
 // Disk, ball and line structuring elements: the fast decompositions (mode 0), the exact offset
