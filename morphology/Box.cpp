@@ -5,18 +5,22 @@
 //
 // Along rows: the padded row in the worker's cache (its first step read straight from the row),
 // folded with itself shifted by 1, 2, 4, ... (p the largest power of two not above 2N + 1); two
-// such runs overlapping cover the window.
-// Along columns and plans: a stream of lines through a Window, by doubling for windows of up to 7
-// lines and by van Herk/Gil-Werman segments (three folds a line, whatever the window) from 8.
+// such runs overlapping cover the window. Where short rows meet a reach of 4 or more along y, the
+// doubling runs in registers as each row is read (rowInRegisters).
+// Along columns and plans: windows of up to 7 lines by doubling (a Window); from 8, van
+// Herk/Gil-Werman segments (three folds a line, whatever the window). Strips, and the bands of
+// short rows, store no backward fold: each output line leaves as the backward fold of its segment
+// reaches it; the Window of wide rows folds each complete segment backward in place.
 //
 // A plan's rows go through both of its axes in one sweep (a band). Wide rows are boxed along x one
-// by one into a Window of rows, and each output row leaves it whole; short rows go a band at a
-// time as whole arrays (the x steps over a chunk of rows at once, in L1, then the y steps), where
-// a call per short row would cost more than its folds. Plans, or bands of a plan, run in
-// parallel; a band cut from a plan boxes the rows of its edges again. The plans of a cube then go
-// through a second sweep, along plans, in strips of columns. In place, a band is a whole plan (a band writes a row
-// only after reading every row within reach below it, and no other band reads it); a single plan
-// in place goes as rows and then strips along columns.
+// by one into a Window of rows, and each output row leaves it whole. Short rows go a band at a
+// time as whole arrays (the x steps over a chunk of rows at once, in L1, where a call per short row
+// would cost more than its folds, then the y steps); from a reach of 4 along y, each is boxed along
+// x in registers and folded forward along y as it is read, then each segment backward. Plans, or
+// bands of a plan, run in parallel; a band cut from a plan boxes the rows of its edges again. The
+// plans of a cube then go through a second sweep, along plans, in strips of columns. In place, a
+// band is a whole plan (a band writes a row only after reading every row within reach below it,
+// and no other band reads it); a single plan in place goes as rows and then strips along columns.
 //
 // A cube of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk
 // along the plans, boxed along all three axes at once (cubeTiles), so that only the output is
@@ -58,14 +62,14 @@ long log2Floor(long k) {
     while ((2L << l) <= k) ++l;
     return l;
 }
-// Whether a Window of reach r takes segments (van Herk/Gil-Werman) rather than doubling, which
-// folds log2(2r + 1) + 1 times a line against three, and the lines it holds.
 // The rows of a flat band: the padded row rounded up to whole cache lines, so that every row, and
 // every chunk of rows, starts aligned.
 long flatPitch(long n, long r, std::size_t size) {
     const long line = long(64 / size);
     return (n + 2 * r + line - 1) / line * line;
 }
+// Whether a window of reach r goes by segments (van Herk/Gil-Werman) rather than by doubling, which
+// folds log2(2r + 1) + 1 times a line against three, and the lines a Window holds.
 bool bySegments(long r) { return log2Floor(2 * r + 1) > 2; }
 long windowLines(long r) { return bySegments(r) ? 2 * (2 * r + 1) + 1 : 2 * r + 1 + log2Floor(2 * r + 1); }
 // The lines a strip's sweep holds: by segments, two segments as read, one folded forward and a line
