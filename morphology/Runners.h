@@ -25,10 +25,10 @@ bool squareCubeRunnable(BaseAlgorithm* algo, const PassLimits& limits, SquareMor
 // From 3 square (5 cube) passes on, images in memory go through the plug-in's box (morphology/Box.h),
 // which costs about the same whatever the passes: below, the passes cost less (docs/performance.md,
 // "The plug-in's box"), but for the cubes that go in tiles along all three axes at once
-// (cubeTilesServe). Where it steps aside for want of room, the
-// host's box, whose strips can be narrower, serves from kBoxFromPasses passes on, where it costs
-// less than the passes (docs/performance.md, "Many passes in the host"). Images on disk, float NaN
-// or zeros of both signs, and LYN_GENERIC_BOX false keep the passes. True when a box served it.
+// (cubeTilesServe). Where it steps aside for want of room, the host's box, whose strips can be
+// narrower, serves from kBoxFromPasses passes on, where it costs less than the passes
+// (docs/performance.md, "Many passes in the host"). Images on disk, float NaN or zeros of both
+// signs, and LYN_GENERIC_BOX false keep the passes. True when a box served it.
 constexpr unsigned simdBoxFromPasses(Neighbourhood n) { return n == Neighbourhood::Square8 ? 3 : 5; }
 constexpr unsigned kBoxFromPasses = 8;
 // Whether the plug-in's box should try a stage from `in` to `out`: a square or cube with enough

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -30,6 +31,15 @@ using namespace lyn::test;
 namespace {
 
 const Grain kDefaultGrain = AbstractPartitionerPolicy::defaults();
+
+// The runners' own passes against the generic passes: no box on either side (test_box covers it),
+// whether or not the environment says so.
+struct PassesNotBoxes : ::testing::Environment {
+    void SetUp() override {
+        if (!std::getenv("LYN_GENERIC_BOX")) globalSettings()->setValue("LYN_GENERIC_BOX", "0");
+    }
+};
+const ::testing::Environment* const kPassesNotBoxes = ::testing::AddGlobalTestEnvironment(new PassesNotBoxes);
 
 bool hasAvx2() { return devices::Cpu::getDevice().getAVXLevel() >= 2; }
 

@@ -13,9 +13,8 @@
 #include "Core/private/Access/Caches.h"
 #include "Core/private/Filters/FilterTags.h"
 #include "host/PrivateImplementation.h"
-#include "host/Settings.h"
-#include "simd/Streaming.h"
 #include "simd/AlignedAllocator.h"
+#include "simd/Streaming.h"
 
 namespace lyn {
 
