@@ -633,14 +633,19 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
             if (z < 0 || z >= n2) {
                 std::fill_n(slot, tile, border);
             } else {
-                // The rows the plan after next will read, asked for now.
-                if (z + kLinesAhead < n2)
-                    for (long y = std::max(0L, y0 - R); y < std::min(n1, y0 + h + R); ++y) {
-                        const char* p = reinterpret_cast<const char*>(rowAt(in, inCube, z + kLinesAhead, y) + x0);
+                // The rows the plan after next will read, asked for a row or two at a time between
+                // the rows' folds: asked for all at once, the prefetches waited on each other.
+                const long aheadFrom = std::max(0L, y0 - R);
+                const long aheadTo = z + kLinesAhead < n2 ? std::min(n1, y0 + h + R) : aheadFrom;
+                long asked = aheadFrom;
+                auto askAhead = [&](long done) {  // rows of this plan's tile folded so far
+                    for (const long until = aheadFrom + (aheadTo - aheadFrom) * done / h; asked < until; ++asked) {
+                        const char* p = reinterpret_cast<const char*>(rowAt(in, inCube, z + kLinesAhead, asked) + x0);
                         const long bytes = long(sizeof(T)) * std::min(wp + N, n0 - x0);
                         for (long at = left ? -N * long(sizeof(T)) : 0; at < bytes; at += 64)
                             __builtin_prefetch(p + at, 0, 3);
                     }
+                };
                 for (long i = 0; i < h + 2 * R; ++i) {
                     const long y = y0 - R + i;
                     rows[i] = y < 0 || y >= n1 ? borderLine + N : rowAt(in, inCube, z, y) + x0;
@@ -648,19 +653,17 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
                 bool stop = false;
                 for (long i = R; i < R + h; ++i) stop |= scan(s, rows[i], w);
                 if (stop) return w * h * n2;
+                auto alongYX = [&](long from, auto count) {
+                    alongY(from, count);
+                    for (int j = 0; j < decltype(count)::value; ++j) {
+                        askAhead(from + j + 1);
+                        alongX(ys + j * lineW, slot + (from + j) * wp);
+                    }
+                };
                 long i = 0;
-                for (; i + 4 <= h; i += 4) {
-                    alongY(i, std::integral_constant<int, 4>());
-                    for (int j = 0; j < 4; ++j) alongX(ys + j * lineW, slot + (i + j) * wp);
-                }
-                for (; i + 2 <= h; i += 2) {
-                    alongY(i, std::integral_constant<int, 2>());
-                    for (int j = 0; j < 2; ++j) alongX(ys + j * lineW, slot + (i + j) * wp);
-                }
-                if (i < h) {
-                    alongY(i, std::integral_constant<int, 1>());
-                    alongX(ys, slot + i * wp);
-                }
+                for (; i + 4 <= h; i += 4) alongYX(i, std::integral_constant<int, 4>());
+                for (; i + 2 <= h; i += 2) alongYX(i, std::integral_constant<int, 2>());
+                if (i < h) alongYX(i, std::integral_constant<int, 1>());
             }
             // Along plans, four output plans at a time, whence the ring of k + 3: output q is the
             // extremum of the tiles of plans q - R .. q + R. The last one to three in twos and ones.
