@@ -152,10 +152,10 @@ generic::BoxOutcome runBox(const BoxCase& c, const ImageModel& input, ImageModel
 
 // Box against plain passes; `expected` says whether the box must run or step aside (then it must
 // leave the output as it was).
-void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expected, std::uint64_t seed,
-           std::uint64_t budget = kHuge) {
-    MemoryImage input(t, c.extents), reference(t, c.extents), out(t, c.extents);
-    fill(input, seed, data);
+void checkInput(const BoxCase& c, const MemoryImage& input, generic::BoxOutcome expected,
+                std::uint64_t budget = kHuge) {
+    const VoxelTypes t = input.getVoxelType();
+    MemoryImage reference(t, c.extents), out(t, c.extents);
     std::memset(out.data(), 0x5a, out.getSizeInBytes());
     const std::vector<char> before = c.inPlace ? bytesOf(input) : bytesOf(out);
     plainPasses(c.dims, c.dilate, c.passes, input, reference);
@@ -169,6 +169,12 @@ void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expect
         // Only the vector box, out of place, finds the fold order as it reads: it may have written.
         ASSERT_EQ(bytesOf(out), before) << c.name(t) << ": a box that steps aside writes nothing";
     }
+}
+void check(const BoxCase& c, VoxelTypes t, Data data, generic::BoxOutcome expected, std::uint64_t seed,
+           std::uint64_t budget = kHuge) {
+    MemoryImage input(t, c.extents);
+    fill(input, seed, data);
+    checkInput(c, input, expected, budget);
 }
 
 // Passes from 2 to beyond every runner's limit (2D 35/37, 3D 77/132), around and beyond the extents.
@@ -482,6 +488,57 @@ TEST(SimdBoxTest, FloatsStepAsideExactlyWhereTheFoldOrderShows) {
     if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
     const UseSimd simd;
     checkFoldOrderCases(3000);
+}
+
+// The float scan reads whole vectors, then a row's last voxels one by one. Each special value alone
+// in rows of whole vectors, among finite non-zero values, on every route that scans: the tiles (3
+// passes), the bands as they read (5), the read before a box in place. A NaN of either sign and
+// any payload, or zeros of both signs, must stop the box; one sign of zero, or infinities, not.
+template <class T>
+void checkScanFindsEachSpecialAlone() {
+    using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+    constexpr U sign = U(1) << (8 * sizeof(T) - 1);
+    constexpr U infinity = sizeof(T) == 4 ? U(0x7f800000u) : U(0x7ff0000000000000ull);
+    auto of = [](U bits) {
+        T v;
+        std::memcpy(&v, &bits, sizeof v);
+        return v;
+    };
+    const T inf = std::numeric_limits<T>::infinity(), nan = std::numeric_limits<T>::quiet_NaN();
+    struct Row {
+        const char* name;
+        T first, second;  // planted at two voxels inside vectors
+        bool shows;
+    };
+    const Row rows[] = {{"least NaN payload", of(infinity + 1), T(1), true},
+                        {"negative NaN", -nan, T(1), true},
+                        {"negative NaN of the least payload", of(sign | (infinity + 1)), T(1), true},
+                        {"zeros of both signs", -T(0), T(0), true},
+                        {"-0 only", -T(0), -T(0), false},
+                        {"+0 only", T(0), T(0), false},
+                        {"infinities", inf, -inf, false},
+                        {"finite extremes", std::numeric_limits<T>::max(), std::numeric_limits<T>::lowest(), false}};
+    const Extents e{32, 6, 5, 1, 1};  // rows of whole vectors: no voxel left to the scalar tail
+    std::mt19937_64 rng(7);
+    for (const Row& row : rows)
+        for (const auto& [passes, inPlace] : {std::pair{3u, false}, std::pair{5u, false}, std::pair{5u, true}}) {
+            MemoryImage input(std::is_same_v<T, float> ? Float : Double, e);
+            T* v = input.dataAs<T>();
+            for (std::uint64_t i = 0; i < input.getNumOfVoxels(); ++i)
+                v[i] = T((std::int64_t(rng() % 2000) - 1000) | 1) / T(8);  // odd: never zero
+            v[input.index(9, 1, 2)] = row.first;
+            v[input.index(20, 4, 1)] = row.second;
+            SCOPED_TRACE(std::string(row.name) + " x" + std::to_string(passes) + (inPlace ? " in place" : ""));
+            checkInput(BoxCase{3, e, passes, true, inPlace, 1}, input,
+                       row.shows ? generic::BoxOutcome::FoldOrderShows : generic::BoxOutcome::Done);
+        }
+}
+
+TEST(SimdBoxTest, TheFloatScanFindsEachSpecialAloneInsideAVector) {
+    if (devices::Cpu::getDevice().getAVXLevel() < 2) GTEST_SKIP() << "no AVX2";
+    const UseSimd simd;
+    checkScanFindsEachSpecialAlone<float>();
+    checkScanFindsEachSpecialAlone<double>();
 }
 
 // Cancellation is asked before every row a band reads and every line of a strip: at least once per
