@@ -22,9 +22,9 @@
 // band is a whole plan (a band writes a row only after reading every row within reach below it,
 // and no other band reads it); a single plan in place goes as rows and then strips along columns.
 //
-// A cube of reach 2 or 3, out of place, takes no sweeps: tiles of a plan's rows walk
-// along the plans, boxed along all three axes at once (cubeTiles), so that only the output is
-// written, with streaming stores where it is large.
+// A cube of reach 2 to 7 (2 or 3 for 8-byte voxels), out of place, takes no sweeps: tiles of a
+// plan's rows walk along the plans, boxed along all three axes at once (cubeTiles), so that only
+// the output is written, with streaming stores where it is large.
 #include "morphology/Box.h"
 
 #include <algorithm>
@@ -88,10 +88,12 @@ long rowFoldsLength(long n, long r, std::size_t size) {
 // that each plan's part of a tile is one run of memory) by this many rows.
 constexpr long kTileRowBytes = 2048;
 constexpr long kTileRows = 32;
-// The tiles' buffers: four rows folded along y and a row of border values, each with a vector
-// beside it at both ends, and a ring of 2r + 4 tiles boxed along y and x.
+// The tiles' buffers: four rows folded along y, a row of border values and, from reach 4, a row of
+// folds of 8 along x, each with a vector beside it at both ends; and a ring of 2r + 4 tiles boxed
+// along y and x.
+long tileLines(long r) { return r >= 4 ? 6 : 5; }
 std::uint64_t tileBytes(long w, long h, long r, std::size_t size) {
-    return std::uint64_t(5 * (w + 2 * long(32 / size)) + (2 * r + 4) * h * w) * size;
+    return std::uint64_t(tileLines(r) * (w + 2 * long(32 / size)) + (2 * r + 4) * h * w) * size;
 }
 
 struct Plan {
@@ -100,7 +102,7 @@ struct Plan {
     int axes = 2;
     bool fused = false;      // each plan's two axes in one sweep of bands
     bool ring = false;       // fused: bands stream their rows through a Window
-    bool tiles = false;      // a cube of reach 2 or 3 in tiles boxed along all three axes at once
+    bool tiles = false;      // a cube of short reach in tiles boxed along all three axes at once
     long tileW = 0, tileH = 0;
     long height = 1;         // output rows per band when fused
     long stripColumns[3] = {0, 0, 0};  // the columns a strip runs over: a row, or a flattened plan
@@ -512,46 +514,49 @@ LYN_INLINE void rowInRegisters(const T* row, long n, long r, T border, T* folds,
     }
 }
 
-// Windows of k = K consecutive lines, line(d) for d = 0 .. K - 1 + `count` - 1, into o[0 .. count):
-// four windows share the k - 3 lines in their middle, two share k - 1, so that a line costs
-// (k + 4) / 4 folds in fours, (k + 1) / 2 in twos.
+// Windows of k consecutive lines (K, or `k` where K is 0), line(d) for d = 0 .. k - 1 + `count` - 1,
+// into o[0 .. count): four windows share the k - 3 lines in their middle, two share k - 1, so that
+// a line costs (k + 4) / 4 folds in fours, (k + 1) / 2 in twos.
 template <class F, int K, int count, class Line>
-LYN_INLINE void windows(Line&& line, typename F::O::V* o) {
+LYN_INLINE void windows(Line&& line, typename F::O::V* o, int k = K) {
     static_assert(count == 1 || count == 2 || count == 4, "one, two or four windows");
     if constexpr (count == 4) {
         auto middle = line(3);
-        for (int d = 4; d < K; ++d) middle = F::v(middle, line(d));
+        for (int d = 4; d < k; ++d) middle = F::v(middle, line(d));
         const auto before = F::v(middle, F::v(line(1), line(2)));
-        const auto after = F::v(middle, F::v(line(K), line(K + 1)));
+        const auto after = F::v(middle, F::v(line(k), line(k + 1)));
         o[0] = F::v(before, line(0));
-        o[1] = F::v(before, line(K));
+        o[1] = F::v(before, line(k));
         o[2] = F::v(after, line(2));
-        o[3] = F::v(after, line(K + 2));
+        o[3] = F::v(after, line(k + 2));
     } else {
         auto shared = line(1);
-        for (int d = 2; d < K; ++d) shared = F::v(shared, line(d));
+        for (int d = 2; d < k; ++d) shared = F::v(shared, line(d));
         o[0] = F::v(shared, line(0));
-        if constexpr (count == 2) o[1] = F::v(shared, line(K));
+        if constexpr (count == 2) o[1] = F::v(shared, line(k));
     }
 }
 
-// A cube of reach r = 2 or 3 along every axis, in tiles of w columns by h rows that run
-// along the plans. Each plan's part of a tile is folded along y straight from the input, four rows
-// at a time (windows), then along x in registers (folds of 2, then of 4, then two of those shifted:
-// three folds a vector where k = 2r + 1 loads would cost k - 1, half of them split across cache
-// lines), into a ring of k + 3 tiles; every four output plans are folded from the ring's tiles
-// straight into the output's rows. Nothing but the input, the ring and the output is stored, where
-// the sweeps below store every intermediate line.
+// A cube of reach r = 2 to 7 along every axis (K = 2r + 1 for reach 2 and 3, 0 for 4 to 7, read
+// from the plan), in tiles of w columns by h rows that run along the plans. Each plan's part of a
+// tile is folded along y straight from the input, four rows at a time (windows), then along x in
+// registers (folds of 2, then of 4, then two of those shifted: three folds a vector where k = 2r + 1
+// loads would cost k - 1, half of them split across cache lines; from reach 4, folds of 8 stored in
+// a line, two of them loaded), into a ring of k + 3 tiles; every four output plans are folded from
+// the ring's tiles straight into the output's rows. Nothing but the input, the ring and the output
+// is stored, where the sweeps below store every intermediate line.
 // `stream`: the output goes out with streaming stores where vectors are aligned. scan(s, row, n)
 // sees each of the tile's rows once, before it is folded; true stops the tile.
 template <bool D, class T, int K, class Sweep, class Scan>
 void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T border, bool stream,
                generic::BoxPoll& poll, Sweep&& sweep, Scan&& scan) {
-    static_assert(K == 5 || K == 7, "reach 2 or 3");
+    static_assert(K == 5 || K == 7 || (K == 0 && sizeof(T) <= 4), "reach 2 or 3, or 4 to 7 in vectors of 8 or more");
     using F = Fold<D, T>;
     using O = typename F::O;
     using V = typename O::V;
-    constexpr long N = F::N, R = K / 2;
+    constexpr long N = F::N, KMost = K ? K : 15;
+    const int k = K ? K : int(2 * g.r[0] + 1);
+    const long R = k / 2;
     const long n0 = g.n[0], n1 = g.n[1], n2 = g.n[2];
     const long W = g.tileW, H = g.tileH;
     const long xTiles = (n0 + W - 1) / W, yTiles = (n1 + H - 1) / H;
@@ -567,10 +572,11 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
         // Column vectors c = -1 .. nv of the tile (c = -1 and nv beside it): a line of them is
         // lineW long, vector c at (c + 1) * N.
         const long wp = (w + N - 1) / N * N, nv = wp / N, lineW = wp + 2 * N, tile = h * wp;
-        s.pad.resize(std::size_t(5 * lineW + (K + 3) * tile));
+        s.pad.resize(std::size_t(tileLines(R) * lineW + (k + 3) * tile));
         T* const ys = s.pad.data();            // four rows folded along y
         T* const borderLine = ys + 4 * lineW;  // stands for the rows beyond the image
-        T* const ring = borderLine + lineW;    // k + 3 tiles boxed along y and x, plan z's in slotOf(z)
+        T* const eights = borderLine + lineW;  // from reach 4: a line's folds of 8 along x
+        T* const ring = ys + tileLines(R) * lineW;  // k + 3 tiles boxed along y and x, plan z's in slotOf(z)
         std::fill_n(borderLine, lineW, border);
         const V b = O::load(borderLine);
         // Columns x0 + c * N .. + N - 1 whole in the image for c in [0, full); the vector holding the
@@ -578,7 +584,7 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
         // the border values that stand for what lies past the end.
         const long full = std::min(nv + 1, (n0 - x0) / N), tail = n0 - N - x0;
         const bool left = x0 > 0, tailIn = full <= nv && x0 + full * N < n0;
-        const T* rows[K + 3 + kTileRows];  // the plan's rows y0 - R .. y0 + h + R - 1, at column x0
+        const T* rows[KMost + 3 + kTileRows];  // the plan's rows y0 - R .. y0 + h + R - 1, at column x0
         // Rows i .. i + count - 1 of the plan folded along y, columns c = -1 .. nv, into the lines
         // of ys.
         auto alongY = [&](long i, auto count) {
@@ -586,7 +592,7 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
             const T* const* p = rows + i;
             auto fold = [&](long at, T* a) {
                 V o[n];
-                windows<F, K, n>([&](int d) { return O::load(p[d] + at); }, o);
+                windows<F, K, n>([&](int d) { return O::load(p[d] + at); }, o, k);
                 for (int j = 0; j < n; ++j) O::store(a + j * lineW, o[j]);
             };
             auto edge = [&](T* a) {
@@ -600,21 +606,46 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
             if (tailIn) fold(tail, a + tail);
         };
         // A line of ys boxed along x into dst: a, folds of 2 ([i, i + 1]); bv, of 4 ([i, i + 3]).
+        // From reach 4, bv's folds of 8 ([i, i + 7], from b and the next b) go to `eights` for
+        // c = -1 .. nv - 1, and the window [i - r, i + r] is two of them, loaded at i - r and i + r - 7.
         auto alongX = [&](const T* line, T* dst) {
             auto v = [&](long c) { return O::load(line + (c + 1) * N); };
-            V v1 = v(1);
-            const V vm = v(-1), v0 = v(0);
-            const V am = F::v(vm, after<T, 1>(vm, v0));
-            V a0 = F::v(v0, after<T, 1>(v0, v1));
-            V bm = F::v(am, after<T, 2>(am, a0));
-            for (long c = 0; c < nv; ++c) {
-                const V v2 = c + 2 <= nv ? v(c + 2) : v1;  // past the column beside: unused lanes
-                const V a1 = F::v(v1, after<T, 1>(v1, v2));
-                const V b0 = F::v(a0, after<T, 2>(a0, a1));
-                O::store(dst + c * N, F::v(before<T, R>(bm, b0), before<T, R - (K - 4)>(bm, b0)));
-                bm = b0;
-                a0 = a1;
-                v1 = v2;
+            if constexpr (K != 0) {
+                V v1 = v(1);
+                const V vm = v(-1), v0 = v(0);
+                const V am = F::v(vm, after<T, 1>(vm, v0));
+                V a0 = F::v(v0, after<T, 1>(v0, v1));
+                V bm = F::v(am, after<T, 2>(am, a0));
+                for (long c = 0; c < nv; ++c) {
+                    const V v2 = c + 2 <= nv ? v(c + 2) : v1;  // past the column beside: unused lanes
+                    const V a1 = F::v(v1, after<T, 1>(v1, v2));
+                    const V b0 = F::v(a0, after<T, 2>(a0, a1));
+                    O::store(dst + c * N, F::v(before<T, K / 2>(bm, b0), before<T, K / 2 - (K - 4)>(bm, b0)));
+                    bm = b0;
+                    a0 = a1;
+                    v1 = v2;
+                }
+            } else {
+                auto twos = [&](V x, V next) { return F::v(x, after<T, 1>(x, next)); };
+                auto fours = [&](V x, V next) { return F::v(x, after<T, 2>(x, next)); };
+                // Past the column beside, lanes that no window reads: the column beside again.
+                V vn = v(std::min(2L, nv));
+                V a1 = twos(v(1), vn);
+                V bc = fours(twos(v(-1), v(0)), twos(v(0), v(1)));  // b of vector c, from c = -1
+                V bn = fours(twos(v(0), v(1)), a1);                  // and of c + 1
+                for (long c = -1; c < nv; ++c) {
+                    O::store(eights + (c + 1) * N, F::v(bc, after<T, 4>(bc, bn)));
+                    const V vnext = v(std::min(c + 4, nv));
+                    const V a2 = twos(vn, vnext);
+                    bc = bn;
+                    bn = fours(a1, a2);
+                    a1 = a2;
+                    vn = vnext;
+                }
+                for (long c = 0; c < nv; ++c) {
+                    const T* e = eights + (c + 1) * N;
+                    O::store(dst + c * N, F::v(O::load(e - R), O::load(e + R - 7)));
+                }
             }
         };
         auto store = [&](T* dst, long x, V v) {
@@ -626,7 +657,7 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
                 std::memcpy(dst + x, last, std::size_t(w - x) * sizeof(T));
             }
         };
-        auto slotOf = [&](long z) { return ring + (z + R) % (K + 3) * tile; };
+        auto slotOf = [&](long z) { return ring + (z + R) % (k + 3) * tile; };
         for (long z = -R; z < n2 + R; ++z) {
             if (poll.cancelled()) throw ExceptionCancelation();
             T* const slot = slotOf(z);
@@ -671,14 +702,14 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
             if (q < 0 || ((q + 1) % 4 != 0 && q != n2 - 1)) continue;
             auto alongZ = [&](long first, auto count) {
                 constexpr int n = decltype(count)::value;
-                const T* tiles[K + 3];
-                for (int d = 0; d < K + n - 1; ++d) tiles[d] = slotOf(first - R + d);
+                const T* tiles[KMost + 3];
+                for (int d = 0; d < k + n - 1; ++d) tiles[d] = slotOf(first - R + d);
                 for (long i = 0; i < h; ++i) {
                     T* outs[n];
                     for (int j = 0; j < n; ++j) outs[j] = rowAt(out, outCube, first + j, y0 + i) + x0;
                     for (long x = 0, at = i * wp; x < wp; x += N, at += N) {
                         V o[n];
-                        windows<F, K, n>([&](int d) { return O::load(tiles[d] + at); }, o);
+                        windows<F, K, n>([&](int d) { return O::load(tiles[d] + at); }, o, k);
                         for (int j = 0; j < n; ++j) store(outs[j], x, o[j]);
                     }
                 }
@@ -813,7 +844,8 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             return false;
         };
         if (g.r[0] == 2) cubeTiles<D, T, 5>(g, in, out, border, stream, poll, sweep, scan);
-        else cubeTiles<D, T, 7>(g, in, out, border, stream, poll, sweep, scan);
+        else if (g.r[0] == 3) cubeTiles<D, T, 7>(g, in, out, border, stream, poll, sweep, scan);
+        else if constexpr (sizeof(T) <= 4) cubeTiles<D, T, 0>(g, in, out, border, stream, poll, sweep, scan);
     } else if (g.fused && g.ring) {
         const long h = g.height, bands = (g.n[1] + h - 1) / h;
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
@@ -1001,8 +1033,11 @@ namespace morphology {
 bool cubeTilesServe(const Extents& e, std::size_t elementSize, const generic::Stage& stage, bool inPlace) {
     // Tiles read the rows around them, so the input must stay as it is. Rows of a vector at least:
     // a row's last vector is read whole.
+    // From reach 4, vectors of 8 voxels or more: the windows along x stay within the vectors beside
+    // the tile's.
     const long r = long(stage.passes);
-    return stage.neighbourhood == Neighbourhood::TwentySix && !inPlace && (r == 2 || r == 3) &&
+    const bool reach = r == 2 || r == 3 || (r >= 4 && r <= 7 && elementSize <= 4);
+    return stage.neighbourhood == Neighbourhood::TwentySix && !inPlace && reach &&
            long(e[0]) >= long(32 / elementSize) && long(e[1]) >= r && long(e[2]) >= r;
 }
 

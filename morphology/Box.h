@@ -5,7 +5,7 @@
 // thing: it steps aside, having written nothing, where its buffers would not fit, and where the fold
 // order would show, in place; out of place, it finds a NaN or zeros of both signs as it reads the
 // rows, and may have written some of the output by then (the passes that follow overwrite it).
-// A cube of 2 or 3 passes out of place goes in tiles along all three axes at once (Box.cpp).
+// A cube of 2 to 7 passes out of place goes in tiles along all three axes at once (Box.cpp).
 #include <cstdint>
 
 #include "host/generic/Generic.h"
@@ -18,8 +18,9 @@ namespace morphology {
 generic::BoxOutcome runBoxSimd(const ImageModel& source, ImageModel& output, const generic::Stage& stage, bool dilate,
                                std::uint64_t memoryBudget, generic::BoxPoll& poll);
 
-// Whether a cube of reach 2 or 3 goes in tiles (budget allowing), where the sweeps would cost more
-// than the passes they replace.
+// Whether a cube of reach 2 to 7 (2 or 3 for 8-byte voxels) goes in tiles (budget allowing): at
+// reach 2 and 3 the sweeps would cost more than the passes they replace, and up to 7 the tiles cost
+// less than the sweeps.
 bool cubeTilesServe(const Extents& extents, std::size_t elementSize, const generic::Stage& stage, bool inPlace);
 
 // The buffers runBoxSimd would take for such images, all workers together; 0 when it would step

@@ -450,7 +450,7 @@ TEST(SimdBoxTest, NarrowerBudgetsTakeNarrowerRoutesOrStepAside) {
         }
 }
 
-// Cubes of 2 and 3 passes out of place go in tiles along all three axes at once: tiles from whole
+// Cubes of 2 to 7 passes out of place go in tiles along all three axes at once: tiles from whole
 // rows down to one vector by one row under narrower budgets, partial tiles at the right and lower
 // edges, several cubes of a 4D image, streaming stores on and off, floats stepping aside where the
 // fold order shows.
@@ -460,18 +460,19 @@ TEST(SimdBoxTest, CubeTilesOfEverySizeGiveThePassesBytes) {
     // Rows of whole vectors, rows ending within a vector, a tile of 2 columns after a wide one, and
     // the smallest volume the tiles take.
     const Extents sizes[] = {{100, 37, 11, 1, 1}, {33, 7, 4, 2, 1}, {700, 5, 3, 1, 1}, {64, 9, 5, 1, 1},
-                             {2050, 3, 4, 1, 1}, {32, 3, 3, 1, 1}};
+                             {2050, 3, 4, 1, 1}, {32, 3, 3, 1, 1}, {8, 7, 7, 1, 1}, {41, 15, 8, 1, 1}};
     std::uint64_t seed = 5000;
     for (const char* streamFrom : {"0", ""}) {
         if (*streamFrom) globalSettings()->setValue("LYN_STREAMING_STORES_MIN_BYTES", streamFrom);
         else globalSettings()->unsetValue("LYN_STREAMING_STORES_MIN_BYTES");
         for (const Extents& e : sizes)
-            for (unsigned passes : {2u, 3u})
+            for (unsigned passes : {2u, 3u, 5u, 7u})
                 for (VoxelTypes t : {UInt8, Int8, Int16, UInt32, Float, Double})
                     for (std::uint64_t budget : {kHuge, std::uint64_t(40000), std::uint64_t(6000), std::uint64_t(2500)}) {
                         const BoxCase c{3, e, passes, seed % 2 == 0, false, 1 + int(seed / 2 % 2)};
                         const bool nan = (t == Float || t == Double) && budget == 6000;
                         const generic::Stage stage{generic::Neighbourhood::TwentySix, passes, {}};
+                        if (!morphology::cubeTilesServe(e, helper::getSizeOf(t), stage, false)) continue;
                         const bool room =
                             morphology::boxSimdWorkingBytes(e, helper::getSizeOf(t), stage, false, c.threads, budget) != 0;
                         EXPECT_TRUE(room) << "tiles narrow down to one vector by one row";
