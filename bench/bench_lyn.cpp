@@ -494,7 +494,8 @@ void registerBox() {
     reg("morph3d/float32/dilate-26-x30/plugin", [wide](benchmark::State& st) { benchMorph(st, wide, true); });
     // Reach 5 and 7: the tiles' widest reaches.
     for (unsigned passes : {4u, 5u, 7u})
-        for (const auto& [type, name, shape] : {std::tuple{lyn::UInt8, "uint8", kVolume}, std::tuple{lyn::Float, "float32", kCube}}) {
+        for (const auto& [type, name, shape] :
+             {std::tuple{lyn::UInt8, "uint8", kVolume}, std::tuple{lyn::Float, "float32", kCube}}) {
             const MorphCase c{type, shape, 3, true, 2, passes, Impl::Plugin};
             reg(std::string("morph3d/") + name + "/dilate-26-x" + std::to_string(passes) + "/plugin",
                 [c](benchmark::State& st) { benchMorph(st, c, true); });

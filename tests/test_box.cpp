@@ -466,7 +466,7 @@ TEST(SimdBoxTest, CubeTilesOfEverySizeGiveThePassesBytes) {
         if (*streamFrom) globalSettings()->setValue("LYN_STREAMING_STORES_MIN_BYTES", streamFrom);
         else globalSettings()->unsetValue("LYN_STREAMING_STORES_MIN_BYTES");
         for (const Extents& e : sizes)
-            for (unsigned passes : {2u, 3u, 5u, 7u})
+            for (unsigned passes : {2u, 3u, 5u, 6u, 7u})
                 for (VoxelTypes t : {UInt8, Int8, Int16, UInt32, Float, Double})
                     for (std::uint64_t budget : {kHuge, std::uint64_t(40000), std::uint64_t(6000), std::uint64_t(2500)}) {
                         const BoxCase c{3, e, passes, seed % 2 == 0, false, 1 + int(seed / 2 % 2)};
