@@ -492,7 +492,7 @@ void registerBox() {
     }
     const MorphCase wide{lyn::Float, kCube, 3, true, 2, 30, Impl::Plugin};
     reg("morph3d/float32/dilate-26-x30/plugin", [wide](benchmark::State& st) { benchMorph(st, wide, true); });
-    // Reach 5 and 7: the tiles' widest reaches.
+    // Reach 4 to 7: the tiles' wider reaches.
     for (unsigned passes : {4u, 5u, 7u})
         for (const auto& [type, name, shape] :
              {std::tuple{lyn::UInt8, "uint8", kVolume}, std::tuple{lyn::Float, "float32", kCube}}) {
