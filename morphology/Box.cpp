@@ -153,13 +153,18 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     // a band at a time, as whole arrays, where per-row calls would cost more than the folds.
     g.ring = padBytes >= kRingRowBytes;
     // Ring: a window of rows and the padded row. Flat: a band of h output rows holds its h + 2r
-    // input rows twice, padded: as read and folded along x, then folded along y.
-    // By segments, also a row of backward folds and a row's folds along x.
+    // input rows twice, padded: as read and folded along x, then folded along y. By segments of k
+    // rows, at most two segments of rows and one of forward folds, a row of backward folds and a
+    // row's folds along x.
+    const bool segments = bySegments(g.r[1]);
+    const long k = 2 * g.r[1] + 1;
     const std::uint64_t segmentBytes =
-        bySegments(g.r[1]) ? flatBytes + std::uint64_t(rowFoldsLength(g.n[0], g.r[0], size)) * size : 0;
+        segments ? flatBytes + std::uint64_t(rowFoldsLength(g.n[0], g.r[0], size)) * size : 0;
     auto bandBytes = [&](long h) {
         if (g.ring) return std::uint64_t(windowLines(g.r[1])) * std::uint64_t(g.n[0]) * size + padBytes;
-        return 2 * std::uint64_t(h + 2 * g.r[1]) * flatBytes + segmentBytes;
+        const long m = h + 2 * g.r[1];
+        if (segments) return std::uint64_t(std::min(m, 2 * k) + std::min(m, k)) * flatBytes + segmentBytes;
+        return 2 * std::uint64_t(m) * flatBytes + segmentBytes;
     };
     if (inPlace) {
         // Whole plans only: a band cut from a plan would overwrite rows its neighbour still reads.
@@ -170,7 +175,7 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
         // edges again, and fewer rows than that would cost more than a second sweep.
         const long perPlan = (wanted + plans - 1) / plans;
         long h = std::min(g.n[1], std::max((g.n[1] + perPlan - 1) / perPlan, 2 * g.r[1]));
-        if (!g.ring) {
+        if (!g.ring && !segments) {
             const std::uint64_t room = std::min(cap, kBandBytes);
             h = std::min(h, long((room - std::min(room, segmentBytes)) / (2 * flatBytes)) - 2 * g.r[1]);
         }
@@ -228,6 +233,13 @@ struct Fold {
             O::store(out + i + N, y);
         }
         for (; i + N <= n; i += N) O::store(out + i, v(O::load(a + i), O::load(b + i)));
+        for (; i < n; ++i) out[i] = generic::f<D>(a[i], b[i]);
+    }
+    // The same into the output image, with streaming stores where `stream` and `out` is aligned.
+    static LYN_INLINE void arraysOut(T* out, const T* a, const T* b, long n, bool stream) {
+        if (!stream || (reinterpret_cast<std::uintptr_t>(out) & 31) != 0) return arrays(out, a, b, n);
+        long i = 0;
+        for (; i + N <= n; i += N) SimdVec::storeOut<T>(out + i, v(O::load(a + i), O::load(b + i)), true);
         for (; i < n; ++i) out[i] = generic::f<D>(a[i], b[i]);
     }
 };
@@ -858,64 +870,82 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         });
     } else if (g.fused && bySegments(g.r[1])) {
         // Each row boxed along x in registers (rowInRegisters), then along y by segments of k rows
-        // (as Window does): forward folds as the rows arrive, then each segment backward, from its
-        // end, the output rows leaving as the backward fold reaches them, so that no backward fold
-        // is stored.
+        // (as Window does): forward folds as the rows arrive; once the next segment is folded
+        // forward, each segment backward, from its end, the output rows leaving as the backward fold
+        // reaches them, so that no backward fold is stored. Two segments of rows and one of forward
+        // folds are held, so that the reads of the rows ahead and the writes of the rows behind
+        // alternate, and what is held stays small whatever the band's height.
         using O = typename Fold<D, T>::O;
         using V = typename O::V;
         constexpr long N = Fold<D, T>::N;
         const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = flatPitch(g.n[0], g.r[0], sizeof(T));
         const long n0 = g.n[0], r1 = g.r[1], k1 = 2 * r1 + 1, vectors = (n0 + N - 1) / N;
+        // Output rows are written whole; where the image is large, nothing reads them again soon
+        // enough to find them in the cache (the sweep along plans starts at the first plan).
+        const bool streamOut = SimdVec::streamingStores(std::uint64_t(voxels) * sizeof(T));
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
             const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
             const long m = y1 - y0 + 2 * r1;  // input rows y0 - r .. y1 + r - 1
-            s.pad.resize(std::size_t((2 * m + 1) * pitch + rowFoldsLength(n0, g.r[0], sizeof(T))));
-            T* const along = s.pad.data();        // the rows boxed along x
-            T* const forward = along + m * pitch;  // and folded forward within their segment
-            T* const backward = forward + m * pitch;
+            const long held = std::min(m, 2 * k1), folded = std::min(m, k1);
+            s.pad.resize(std::size_t((held + folded + 1) * pitch + rowFoldsLength(n0, g.r[0], sizeof(T))));
+            T* const along = s.pad.data();            // the rows boxed along x, two segments
+            T* const forward = along + held * pitch;  // and folded forward within their segment
+            T* const backward = forward + folded * pitch;
             T* const folds = backward + pitch;
+            auto alongRow = [&](long i) { return along + (i / k1 % 2 * k1 + i % k1) * pitch; };
+            auto forwardRow = [&](long i) { return forward + i % k1 * pitch; };
             // The plan's first rows, once: rowOf divides.
             const T* const source = rowOf(in, q, 0);
             T* const target = rowOf(out, q, 0);
             auto inRow = [&](long y) { return reinterpret_cast<const T*>(reinterpret_cast<const char*>(source) + y * in.strides[1]); };
             auto outRow = [&](long y) { return reinterpret_cast<T*>(reinterpret_cast<char*>(target) + y * out.strides[1]); };
-            for (long i = 0; i < m; ++i) {
-                if (poll.cancelled()) throw ExceptionCancelation();
+            auto readForward = [&](long i) {
                 const long y = y0 - r1 + i;
-                T* const a = along + i * pitch;
-                T* const f = forward + i * pitch;
+                T* const a = alongRow(i);
+                T* const f = forwardRow(i);
                 const T* const before = i % k1 ? f - pitch : nullptr;
                 if (y < 0 || y >= g.n[1]) {
                     std::fill_n(a, vectors * N, border);
                     if (before) Fold<D, T>::arrays(f, before, a, vectors * N);
                     else std::fill_n(f, vectors * N, border);
-                    continue;
+                    return;
                 }
                 if (y + kLinesAhead < g.n[1]) {
                     const char* ahead = reinterpret_cast<const char*>(inRow(y + kLinesAhead));
                     for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
                 }
-                rowInRegisters<D>(readRow(s, inRow(y)), n0, g.r[0], border, folds, [&](long c, V v) {
+                auto emitX = [&](long c, V v) {
                     O::store(a + c * N, v);
                     O::store(f + c * N, before ? Fold<D, T>::v(O::load(before + c * N), v) : v);
-                });
-            }
+                };
+                rowInRegisters<D>(readRow(s, inRow(y)), n0, g.r[0], border, folds, emitX);
+            };
             // Output row y0 + i is the window of band rows i .. i + k - 1: the backward fold of the
-            // segment holding i from i to the segment's end, with the forward fold at i + k - 1.
-            for (long from = 0; from < y1 - y0; from += k1) {
-                if (poll.cancelled()) throw ExceptionCancelation();
+            // segment holding i from i to the segment's end, with the forward fold at i + k - 1, in
+            // the next segment (at the segment's first row, the window is the segment).
+            auto backwardOut = [&](long from) {
                 const long last = from + k1 - 1;
-                std::memcpy(backward, along + last * pitch, std::size_t(vectors * N) * sizeof(T));
+                std::memcpy(backward, alongRow(last), std::size_t(vectors * N) * sizeof(T));
                 for (long i = last; i >= from; --i) {
                     // Rows written downward in memory escape the hardware's prefetch: asked for here.
-                    if (i - kLinesAhead >= from && i - kLinesAhead < y1 - y0) {
+                    if (!streamOut && i - kLinesAhead >= from && i - kLinesAhead < y1 - y0) {
                         char* ahead = reinterpret_cast<char*>(outRow(y0 + i - kLinesAhead));
                         for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 1, 3);
                     }
-                    if (i < last) Fold<D, T>::arrays(backward, backward, along + i * pitch, vectors * N);
-                    if (i < y1 - y0) Fold<D, T>::arrays(outRow(y0 + i), backward, forward + (i + k1 - 1) * pitch, n0);
+                    if (i < last) Fold<D, T>::arrays(backward, backward, alongRow(i), vectors * N);
+                    if (i < y1 - y0)
+                        Fold<D, T>::arraysOut(outRow(y0 + i), backward, i > from ? forwardRow(i + k1 - 1) : backward,
+                                              n0, streamOut);
                 }
+            };
+            for (long first = 0; first - k1 < y1 - y0; first += k1) {
+                for (long i = first; i < std::min(m, first + k1); ++i) {
+                    if (poll.cancelled()) throw ExceptionCancelation();
+                    readForward(i);
+                }
+                if (first > 0) backwardOut(first - k1);
             }
+            if (streamOut) _mm_sfence();  // streaming stores are weakly ordered: done before others read
             return (y1 - y0) * n0;
         });
     } else if (g.fused) {
