@@ -13,14 +13,15 @@
 // reaches it; the Window of wide rows folds each complete segment backward in place.
 //
 // A plan's rows go through both of its axes in one sweep (a band). Wide rows are boxed along x one
-// by one into a Window of rows, and each output row leaves it whole. Short rows go a band at a
-// time as whole arrays (the x steps over a chunk of rows at once, in L1, where a call per short row
+// by one into a Window of rows, and each output row leaves it whole. Short rows go a band at a time
+// as whole arrays (the x steps over a chunk of rows at once, in L1, where a call per short row
 // would cost more than its folds, then the y steps); from a reach of 4 along y, each is boxed along
-// x in registers and folded forward along y as it is read, then each segment backward. Plans, or
-// bands of a plan, run in parallel; a band cut from a plan boxes the rows of its edges again. The
-// plans of a cube then go through a second sweep, along plans, in strips of columns. In place, a
-// band is a whole plan (a band writes a row only after reading every row within reach below it,
-// and no other band reads it); a single plan in place goes as rows and then strips along columns.
+// x in registers and folded forward along y as it is read, and each segment backward once the next
+// is folded forward. Plans, or bands of a plan, run in parallel; a band cut from a plan boxes the
+// rows of its edges again. The plans of a cube then go through a second sweep, along plans, in
+// strips of columns. In place, a band is a whole plan (a band writes a row only after reading every
+// row within reach below it, and no other band reads it); a single plan in place goes as rows and
+// then strips along columns.
 //
 // A cube of reach 2 to 7 (2 or 3 for 8-byte voxels), out of place, takes no sweeps: tiles of a
 // plan's rows walk along the plans, boxed along all three axes at once (cubeTiles), so that only
