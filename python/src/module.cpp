@@ -17,8 +17,10 @@
 #include <mutex>
 #include <new>
 #include <thread>
+#include <vector>
 
 #include <pthread.h>
+#include <tbb/global_control.h>
 
 #include "host/Algorithms.h"
 #include "host/Cpu.h"
@@ -170,18 +172,29 @@ struct PendingError {
 // Threads that run algorithms for calling Python threads, kept between calls: a thread made per
 // call cost its creation and TBB's setup of a new thread on every call. A job waits only while
 // every kept thread is busy, for as long as it takes to start one more.
+//
+// fork(): a child inherits none of the parent's threads but all of their locks' states, TBB's
+// among them, so a TBB worker caught holding one would leave the child's first call waiting
+// forever. Where no call is running, the kept threads and TBB's workers are ended before the
+// fork (TBB starts new ones at the next call); the child starts its own set of kept threads.
 class Workers {
 public:
     static Workers& instance() {
-        static const bool hooked = pthread_atfork(nullptr, nullptr, [] { s_current = new Workers; }) == 0;
+        static const bool hooked =
+            pthread_atfork([] { if (s_current) s_current->quiesce(); },
+                           [] { if (s_current) s_current->resume(); },
+                           [] { s_current = new Workers; }) == 0;
         (void)hooked;
         if (!s_current) s_current = new Workers;
         return *s_current;
     }
-    void submit(std::function<void()> job) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_jobs.push_back(std::move(job));
-        if (m_jobs.size() > m_idle) std::thread([this] { loop(); }).detach();
+    // Runs `job` on a kept thread, then `done` once that thread counts as idle again, so that a
+    // fork right after the call finds every kept thread idle.
+    void submit(std::function<void()> job, std::function<void()> done) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_resumed.wait(lock, [&] { return !m_quit; });
+        m_jobs.push_back({std::move(job), std::move(done)});
+        if (m_jobs.size() > m_idle) m_threads.emplace_back([this] { loop(); });
         m_ready.notify_one();
     }
 
@@ -190,25 +203,60 @@ private:
     // child, which inherits none of them, starts a new set (the old one's lock may be held).
     static inline Workers* s_current = nullptr;
 
+    struct Job {
+        std::function<void()> run, done;
+    };
+
     void loop() {
         std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_idle;
         for (;;) {
-            ++m_idle;
-            m_ready.wait(lock, [&] { return !m_jobs.empty(); });
+            m_ready.wait(lock, [&] { return !m_jobs.empty() || m_quit; });
+            if (m_jobs.empty()) return;
             --m_idle;
-            std::function<void()> job = std::move(m_jobs.front());
+            Job job = std::move(m_jobs.front());
             m_jobs.pop_front();
             lock.unlock();
-            job();
-            job = nullptr;
+            job.run();
+            job.run = nullptr;
             lock.lock();
+            ++m_idle;
+            job.done();
         }
+    }
+    // Before a fork: where every kept thread is idle, ends them (joined, so that TBB has let go of
+    // each) and then TBB's workers. Calls made meanwhile wait for resume().
+    void quiesce() {
+        std::vector<std::thread> ending;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_jobs.empty() || m_idle != m_threads.size()) return;  // a call is running: fork as is
+            m_quit = true;
+            ending.swap(m_threads);
+        }
+        m_ready.notify_all();
+        for (std::thread& t : ending) t.join();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_idle = 0;
+        }
+        tbb::task_scheduler_handle handle{tbb::attach{}};
+        (void)tbb::finalize(handle, std::nothrow);  // false where TBB is still in use: fork as is
+    }
+    void resume() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_quit = false;
+        }
+        m_resumed.notify_all();
     }
 
     std::mutex m_mutex;
-    std::condition_variable m_ready;
-    std::deque<std::function<void()>> m_jobs;
+    std::condition_variable m_ready, m_resumed;
+    std::deque<Job> m_jobs;
+    std::vector<std::thread> m_threads;
     std::size_t m_idle = 0;
+    bool m_quit = false;
 };
 
 // Runs `algo` on a kept worker thread. The calling thread releases the GIL and wakes every few
@@ -227,16 +275,19 @@ void execute(BaseAlgorithm& algo, const py::object& progress, const py::object& 
     double reported = -1.0;
     {
         py::gil_scoped_release release;
-        Workers::instance().submit([&] {
-            try {
-                algo.execute();
-            } catch (...) {
-                failure = std::current_exception();
-            }
-            std::lock_guard<std::mutex> lock(mutex);
-            finished = true;
-            finishedCv.notify_all();
-        });
+        Workers::instance().submit(
+            [&] {
+                try {
+                    algo.execute();
+                } catch (...) {
+                    failure = std::current_exception();
+                }
+            },
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex);
+                finished = true;
+                finishedCv.notify_all();
+            });
         bool stopping = false;
         for (;;) {
             bool done;
