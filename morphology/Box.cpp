@@ -9,15 +9,14 @@
 // doubling runs in registers as each row is read (rowInRegisters).
 // Along columns and plans: windows of up to 7 lines by doubling (a Window); from 8, van
 // Herk/Gil-Werman segments (three folds a line, whatever the window). Strips, and the bands of
-// short rows, store no backward fold: each output line leaves as the backward fold of its segment
-// reaches it; the Window of wide rows folds each complete segment backward in place.
+// short rows, hold one segment (Segment): each output line leaves as the last line of its window
+// arrives; the Window of wide rows holds two.
 //
 // A plan's rows go through both of its axes in one sweep (a band). Wide rows are boxed along x one
 // by one into a Window of rows, and each output row leaves it whole. Short rows go a band at a time
 // as whole arrays (the x steps over a chunk of rows at once, in L1, where a call per short row
 // would cost more than its folds, then the y steps); from a reach of 4 along y, each is boxed along
-// x in registers and folded forward along y as it is read, and each segment backward once the next
-// is folded forward. Plans, or bands of a plan, run in parallel; a band cut from a plan boxes the
+// x in registers and along y by segments as it is read. Plans, or bands of a plan, run in parallel; a band cut from a plan boxes the
 // rows of its edges again. The plans of a cube then go through a second sweep, along plans, in
 // strips of columns. In place, a band is a whole plan (a band writes a row only after reading every
 // row within reach below it, and no other band reads it); a single plan in place goes as rows and
@@ -53,6 +52,9 @@ constexpr std::uint64_t kWorkerBytes = std::uint64_t(1) << 20;
 // A band's buffers, and the window of a strip along columns or plans, aim at sizes that stay in L2.
 constexpr std::uint64_t kBandBytes = std::uint64_t(768) << 10;
 constexpr std::uint64_t kStripBytes = std::uint64_t(256) << 10;
+// By segments, narrower: a strip's lines, a plan apart, are read and written once each as they
+// pass, and wider ones measured slower.
+constexpr std::uint64_t kSegmentStripBytes = std::uint64_t(96) << 10;
 constexpr std::uint64_t kRingRowBytes = 2048;
 constexpr long kLinesAhead = 2;
 // A band's rows go through their steps along x a chunk of rows at a time, small enough for L1.
@@ -73,9 +75,9 @@ long flatPitch(long n, long r, std::size_t size) {
 // folds log2(2r + 1) + 1 times a line against three, and the lines a Window holds.
 bool bySegments(long r) { return log2Floor(2 * r + 1) > 2; }
 long windowLines(long r) { return bySegments(r) ? 2 * (2 * r + 1) + 1 : 2 * r + 1 + log2Floor(2 * r + 1); }
-// The lines a strip's sweep holds: by segments, two segments as read, one folded forward and a line
-// folded backward (sweep's `segments`); else a Window.
-long stripLines(long r) { return bySegments(r) ? 3 * (2 * r + 1) + 1 : windowLines(r); }
+// The lines a strip's sweep holds: by segments, a segment and the running forward fold (Segment);
+// else a Window.
+long stripLines(long r) { return bySegments(r) ? 2 * r + 2 : windowLines(r); }
 // The folds rowInRegisters keeps of a row of n voxels boxed with reach r: the row's vectors,
 // ceil(r / N) before it (the windows start r before their voxel, and end before the next vector as
 // p > r), and as many after it as its steps by whole vectors reach.
@@ -155,16 +157,15 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
     g.ring = padBytes >= kRingRowBytes;
     // Ring: a window of rows and the padded row. Flat: a band of h output rows holds its h + 2r
     // input rows twice, padded: as read and folded along x, then folded along y. By segments of k
-    // rows, at most two segments of rows and one of forward folds, a row of backward folds and a
-    // row's folds along x.
+    // rows, k + 1 rows of whole vectors (Segment) and a row's folds along x.
     const bool segments = bySegments(g.r[1]);
-    const long k = 2 * g.r[1] + 1;
-    const std::uint64_t segmentBytes =
-        segments ? flatBytes + std::uint64_t(rowFoldsLength(g.n[0], g.r[0], size)) * size : 0;
+    const long k = 2 * g.r[1] + 1, lanes = long(32 / size);
+    const std::uint64_t vectorRowBytes = std::uint64_t((g.n[0] + lanes - 1) / lanes * lanes) * size;
+    const std::uint64_t segmentBytes = segments ? std::uint64_t(rowFoldsLength(g.n[0], g.r[0], size)) * size : 0;
     auto bandBytes = [&](long h) {
         if (g.ring) return std::uint64_t(windowLines(g.r[1])) * std::uint64_t(g.n[0]) * size + padBytes;
         const long m = h + 2 * g.r[1];
-        if (segments) return std::uint64_t(std::min(m, 2 * k) + std::min(m, k)) * flatBytes + segmentBytes;
+        if (segments) return std::uint64_t(k + 1) * vectorRowBytes + segmentBytes;
         return 2 * std::uint64_t(m) * flatBytes + segmentBytes;
     };
     if (inPlace) {
@@ -195,13 +196,16 @@ bool makePlan(Plan& g, const Extents& e, std::size_t size, const generic::Stage&
         const long across = g.n[0] * g.n[1] * plans / g.n[a] / g.stripColumns[a];
         const std::uint64_t perColumn = std::uint64_t(stripLines(g.r[a])) * size;
         const long want = std::max<long>(1, (wanted + across - 1) / std::max(across, 1L));
-        long w = long(std::min<std::uint64_t>(std::uint64_t(g.stripColumns[a]), std::min(cap, kStripBytes) / perColumn));
+        const std::uint64_t room = std::min(cap, bySegments(g.r[a]) ? kSegmentStripBytes : kStripBytes);
+        long w = long(std::min<std::uint64_t>(std::uint64_t(g.stripColumns[a]), room / perColumn));
         w = std::min(w, (g.stripColumns[a] + want - 1) / want);
         if (w < g.stripColumns[a] && w >= line) w -= w % line;
         w = std::max(w, 1L);
-        if (perColumn * std::uint64_t(w) > cap) return false;
+        // Segments hold whole vectors.
+        const long held = bySegments(g.r[a]) ? (w + lanes - 1) / lanes * lanes : w;
+        if (perColumn * std::uint64_t(held) > cap) return false;
         g.stripWidth[a] = w;
-        g.perWorker = std::max(g.perWorker, perColumn * std::uint64_t(w));
+        g.perWorker = std::max(g.perWorker, perColumn * std::uint64_t(held));
     }
     return true;
 }
@@ -348,6 +352,74 @@ private:
     T* m_data = nullptr;
     T *m_current = nullptr, *m_complete = nullptr, *m_run = nullptr;
     const T* m_prefix = nullptr;
+};
+
+// Windows of k = 2r + 1 lines by van Herk/Gil-Werman segments in one segment's room, as a stream
+// of lines arrives: line j of a segment takes slot j, over the backward fold of the segment before
+// at j, and a running line holds the forward fold of the segment so far. Just before line j of a
+// segment is taken, the window of the line k behind the one arriving is the backward fold at j
+// with the running fold (at j = 0 the window is the segment before, whole). Once a segment is
+// complete it is folded backward in place. So each output line leaves as soon as the last line of
+// its window has arrived, and k + 1 lines are held, where storing the backward folds apart would
+// hold three segments.
+template <bool D, class T>
+struct Segment {
+    using F = Fold<D, T>;
+    using O = typename F::O;
+    using V = typename O::V;
+    static constexpr long N = F::N;
+    T* slots;
+    T* running;
+    long k, pitch, vectors;  // vectors of N columns a line, pitch apart
+    // The window before line j takes its slot, at columns x .. x + N - 1, then v taken.
+    template <bool inside>  // j > 0
+    LYN_INLINE V take(long j, long x, V v) {
+        T* const slot = slots + j * pitch + x;
+        const V back = O::load(slot);
+        O::store(slot, v);
+        if constexpr (inside) {
+            const V forward = O::load(running + x);
+            O::store(running + x, F::v(forward, v));
+            return F::v(back, forward);
+        } else {
+            O::store(running + x, v);
+            return back;
+        }
+    }
+    LYN_INLINE V take(long j, long x, V v) { return j ? take<true>(j, x, v) : take<false>(j, x, v); }
+    LYN_INLINE V window(long j, long x) const {
+        const V back = O::load(slots + j * pitch + x);
+        return j ? F::v(back, O::load(running + x)) : back;
+    }
+    // After the segment's last line: slot j becomes the fold of slots j .. k - 1, four vectors of
+    // columns at a time, held in registers down the slots.
+    void backward() {
+        long c = 0;
+        for (; c + 4 <= vectors; c += 4) {
+            T* p = slots + (k - 1) * pitch + c * N;
+            V a0 = O::load(p), a1 = O::load(p + N), a2 = O::load(p + 2 * N), a3 = O::load(p + 3 * N);
+            for (long l = k - 2; l >= 0; --l) {
+                p -= pitch;
+                a0 = F::v(a0, O::load(p));
+                a1 = F::v(a1, O::load(p + N));
+                a2 = F::v(a2, O::load(p + 2 * N));
+                a3 = F::v(a3, O::load(p + 3 * N));
+                O::store(p, a0);
+                O::store(p + N, a1);
+                O::store(p + 2 * N, a2);
+                O::store(p + 3 * N, a3);
+            }
+        }
+        for (; c < vectors; ++c) {
+            T* p = slots + (k - 1) * pitch + c * N;
+            V a = O::load(p);
+            for (long l = k - 2; l >= 0; --l) {
+                p -= pitch;
+                a = F::v(a, O::load(p));
+                O::store(p, a);
+            }
+        }
+    }
 };
 
 // What a float scan has seen: a NaN, or zeros of both signs, is where the fold order shows.
@@ -804,44 +876,59 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             if (win.push(a, b)) Fold<D, T>::arrays(outLine(j - r), a, b, w);
         }
     };
-    // The same by segments of k lines, as the band does along y: each segment's lines folded forward
-    // as they arrive, then the segment before it backward, from its end, its output lines leaving as
-    // the backward fold reaches them, so that no backward fold is stored. In place, the lines
-    // written lie a segment behind those still to read.
-    auto segments = [&](Scratch<T>& s, long r, long count, long w, auto&& readLine, auto&& outLine) {
+    // The same by segments of k lines (Segment), in place: the line written, k behind the one
+    // read, is r behind the last line read.
+    auto segments = [&](Scratch<T>& s, long r, long count, long w, auto&& at) {
+        using O = typename Fold<D, T>::O;
+        using V = typename O::V;
+        constexpr long N = Fold<D, T>::N;
         const long k = 2 * r + 1, lines = count + 2 * r;  // line i of the stream is line i - r
-        s.window.resize(std::size_t(stripLines(r) * w));
-        T* const read = s.window.data();  // two segments, as read
-        T* const forward = read + 2 * k * w;
-        T* const backward = forward + k * w;
-        for (long first = 0; first - k < count; first += k) {
+        const long vectors = (w + N - 1) / N, whole = w / N;
+        s.window.resize(std::size_t((k + 1) * vectors * N));
+        Segment<D, T> seg{s.window.data(), s.window.data() + k * vectors * N, k, vectors * N, vectors};
+        alignas(32) T edge[N];
+        std::fill_n(edge, N, border);
+        const V b = O::load(edge);
+        for (long i = 0; i <= lines; ++i) {
             if (poll.cancelled()) throw ExceptionCancelation();
-            T* const segment = read + first / k % 2 * k * w;
-            for (long i = first; i < std::min(first + k, lines); ++i) {
-                T* const line = segment + (i - first) * w;
-                if (i >= r && i < count + r) readLine(i - r, line);
-                else std::fill_n(line, w, border);
-                T* const f = forward + (i - first) * w;
-                if (i > first) Fold<D, T>::arrays(f, f - w, line, w);
-                else std::memcpy(f, line, std::size_t(w) * sizeof(T));
+            const long j = i % k;
+            T* const o = i >= k ? at(i - k) : nullptr;
+            const T* const line = i >= r && i < count + r ? at(i - r) : nullptr;
+            // Lines a plan apart: the cache is asked for the one a few lines ahead.
+            if (line && i - r + kLinesAhead < count) {
+                const char* ahead = reinterpret_cast<const char*>(at(i - r + kLinesAhead));
+                for (long c = 0; c < w * long(sizeof(T)); c += 64) __builtin_prefetch(ahead + c, 0, 3);
             }
-            if (first == 0) continue;
-            // Output line o is the window of stream lines o .. o + k - 1.
-            const long from = first - k;
-            const T* const before = read + from / k % 2 * k * w;
-            std::memcpy(backward, before + (k - 1) * w, std::size_t(w) * sizeof(T));
-            for (long o = first - 1; o >= from; --o) {
-                if (o < first - 1) Fold<D, T>::arrays(backward, backward, before + (o - from) * w, w);
-                if (o >= count) continue;
-                // Lines written downward escape the hardware's prefetch: asked for here.
-                if (o - kLinesAhead >= from) {
-                    char* ahead = reinterpret_cast<char*>(outLine(o - kLinesAhead));
-                    for (long b = 0; b < w * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 1, 3);
+            long c = 0;
+            if (line && o && i < lines) {
+                // The common case, apart: the loop below tests each vector's case.
+                if (j) {
+                    for (; c < whole; ++c) O::store(o + c * N, seg.template take<true>(j, c * N, O::load(line + c * N)));
+                } else {
+                    for (; c < whole; ++c) O::store(o + c * N, seg.template take<false>(j, c * N, O::load(line + c * N)));
                 }
-                // The window of the segment's first line is the segment.
-                if (o > from) Fold<D, T>::arrays(outLine(o), backward, forward + (o - 1 - from) * w, w);
-                else std::memcpy(outLine(o), backward, std::size_t(w) * sizeof(T));
             }
+            for (; c < vectors; ++c) {
+                const long x = c * N;
+                alignas(32) T part[N];
+                V v = b;
+                if (line && c < whole) {
+                    v = O::load(line + x);
+                } else if (line) {
+                    std::fill_n(part, N, border);
+                    std::memcpy(part, line + x, std::size_t(w - x) * sizeof(T));
+                    v = O::load(part);
+                }
+                const V window = i < lines ? seg.take(j, x, v) : seg.window(j, x);
+                if (!o) continue;
+                if (c < whole) {
+                    O::store(o + x, window);
+                } else {
+                    O::store(part, window);
+                    std::memcpy(o + x, part, std::size_t(w - x) * sizeof(T));
+                }
+            }
+            if (j == k - 1) seg.backward();
         }
     };
 
@@ -870,81 +957,63 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             return (y1 - y0) * g.n[0];
         });
     } else if (g.fused && bySegments(g.r[1])) {
-        // Each row boxed along x in registers (rowInRegisters), then along y by segments of k rows
-        // (as Window does): forward folds as the rows arrive; once the next segment is folded
-        // forward, each segment backward, from its end, the output rows leaving as the backward fold
-        // reaches them, so that no backward fold is stored. Two segments of rows and one of forward
-        // folds are held, so that the reads of the rows ahead and the writes of the rows behind
-        // alternate, and what is held stays small whatever the band's height.
+        // Each row boxed along x in registers (rowInRegisters) and along y by segments of k rows
+        // (Segment) as it is read: k + 1 rows held, in L1 for short rows, and each output row
+        // leaves as soon as the last row of its window is read.
         using O = typename Fold<D, T>::O;
         using V = typename O::V;
         constexpr long N = Fold<D, T>::N;
-        const long h = g.height, bands = (g.n[1] + h - 1) / h, pitch = flatPitch(g.n[0], g.r[0], sizeof(T));
-        const long n0 = g.n[0], r1 = g.r[1], k1 = 2 * r1 + 1, vectors = (n0 + N - 1) / N;
+        const long h = g.height, bands = (g.n[1] + h - 1) / h;
+        const long n0 = g.n[0], r1 = g.r[1], k1 = 2 * r1 + 1, vectors = (n0 + N - 1) / N, pitch = vectors * N;
         // Output rows are written whole; where the image is large, nothing reads them again soon
         // enough to find them in the cache (the sweep along plans starts at the first plan).
         const bool streamOut = SimdVec::streamingStores(std::uint64_t(voxels) * sizeof(T));
         sweep(plans * bands, [&](long t, Scratch<T>& s) {
             const long q = t / bands, y0 = t % bands * h, y1 = std::min(g.n[1], y0 + h);
             const long m = y1 - y0 + 2 * r1;  // input rows y0 - r .. y1 + r - 1
-            const long held = std::min(m, 2 * k1), folded = std::min(m, k1);
-            s.pad.resize(std::size_t((held + folded + 1) * pitch + rowFoldsLength(n0, g.r[0], sizeof(T))));
-            T* const along = s.pad.data();            // the rows boxed along x, two segments
-            T* const forward = along + held * pitch;  // and folded forward within their segment
-            T* const backward = forward + folded * pitch;
-            T* const folds = backward + pitch;
-            auto alongRow = [&](long i) { return along + (i / k1 % 2 * k1 + i % k1) * pitch; };
-            auto forwardRow = [&](long i) { return forward + i % k1 * pitch; };
+            s.pad.resize(std::size_t((k1 + 1) * pitch + rowFoldsLength(n0, g.r[0], sizeof(T))));
+            Segment<D, T> seg{s.pad.data(), s.pad.data() + k1 * pitch, k1, pitch, vectors};
+            T* const folds = seg.running + pitch;
             // The plan's first rows, once: rowOf divides.
             const T* const source = rowOf(in, q, 0);
             T* const target = rowOf(out, q, 0);
             auto inRow = [&](long y) { return reinterpret_cast<const T*>(reinterpret_cast<const char*>(source) + y * in.strides[1]); };
             auto outRow = [&](long y) { return reinterpret_cast<T*>(reinterpret_cast<char*>(target) + y * out.strides[1]); };
-            auto readForward = [&](long i) {
-                const long y = y0 - r1 + i;
-                T* const a = alongRow(i);
-                T* const f = forwardRow(i);
-                const T* const before = i % k1 ? f - pitch : nullptr;
-                if (y < 0 || y >= g.n[1]) {
-                    std::fill_n(a, vectors * N, border);
-                    if (before) Fold<D, T>::arrays(f, before, a, vectors * N);
-                    else std::fill_n(f, vectors * N, border);
-                    return;
+            auto put = [&](T* row, long c, V v) {
+                if ((c + 1) * N <= n0) {
+                    SimdVec::storeOut<T>(row + c * N, v, streamOut);
+                } else {
+                    alignas(32) T last[N];
+                    O::store(last, v);
+                    std::memcpy(row + c * N, last, std::size_t(n0 - c * N) * sizeof(T));
                 }
-                if (y + kLinesAhead < g.n[1]) {
-                    const char* ahead = reinterpret_cast<const char*>(inRow(y + kLinesAhead));
-                    for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
-                }
-                auto emitX = [&](long c, V v) {
-                    O::store(a + c * N, v);
-                    O::store(f + c * N, before ? Fold<D, T>::v(O::load(before + c * N), v) : v);
+            };
+            // Band row i, and from i = k on output row i - k, whose window ends at row i - 1; a row
+            // past the band's last gives the last output.
+            for (long i = 0; i <= m; ++i) {
+                if (poll.cancelled()) throw ExceptionCancelation();
+                const long j = i % k1, y = y0 - r1 + i;
+                T* const o = i >= k1 ? outRow(y0 + i - k1) : nullptr;
+                auto take = [&](long c, V v) {
+                    const V w = seg.take(j, c * N, v);
+                    if (o) put(o, c, w);
                 };
-                rowInRegisters<D>(readRow(s, inRow(y)), n0, g.r[0], border, folds, emitX);
-            };
-            // Output row y0 + i is the window of band rows i .. i + k - 1: the backward fold of the
-            // segment holding i from i to the segment's end, with the forward fold at i + k - 1, in
-            // the next segment (at the segment's first row, the window is the segment).
-            auto backwardOut = [&](long from) {
-                const long last = from + k1 - 1;
-                std::memcpy(backward, alongRow(last), std::size_t(vectors * N) * sizeof(T));
-                for (long i = last; i >= from; --i) {
-                    // Rows written downward in memory escape the hardware's prefetch: asked for here.
-                    if (!streamOut && i - kLinesAhead >= from && i - kLinesAhead < y1 - y0) {
-                        char* ahead = reinterpret_cast<char*>(outRow(y0 + i - kLinesAhead));
-                        for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 1, 3);
+                if (i == m) {
+                    for (long c = 0; c < vectors; ++c) put(o, c, seg.window(j, c * N));
+                } else if (y < 0 || y >= g.n[1]) {
+                    alignas(32) T edge[N];
+                    std::fill_n(edge, N, border);
+                    const V b = O::load(edge);
+                    for (long c = 0; c < vectors; ++c) take(c, b);
+                } else {
+                    if (y + kLinesAhead < g.n[1]) {
+                        const char* ahead = reinterpret_cast<const char*>(inRow(y + kLinesAhead));
+                        for (long b = 0; b < n0 * long(sizeof(T)); b += 64) __builtin_prefetch(ahead + b, 0, 3);
                     }
-                    if (i < last) Fold<D, T>::arrays(backward, backward, alongRow(i), vectors * N);
-                    if (i < y1 - y0)
-                        Fold<D, T>::arraysOut(outRow(y0 + i), backward, i > from ? forwardRow(i + k1 - 1) : backward,
-                                              n0, streamOut);
+                    // The row is read whole before output i - k, which is not it, is written.
+                    rowInRegisters<D>(readRow(s, inRow(y)), n0, g.r[0], border, folds, take);
                 }
-            };
-            for (long first = 0; first - k1 < y1 - y0; first += k1) {
-                for (long i = first; i < std::min(m, first + k1); ++i) {
-                    if (poll.cancelled()) throw ExceptionCancelation();
-                    readForward(i);
-                }
-                if (first > 0) backwardOut(first - k1);
+                if (j == k1 - 1) seg.backward();
             }
             if (streamOut) _mm_sfence();  // streaming stores are weakly ordered: done before others read
             return (y1 - y0) * n0;
@@ -1045,7 +1114,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                 }
                 std::memcpy(line, at(i), std::size_t(width) * sizeof(T));
             };
-            if (bySegments(g.r[axis])) segments(s, g.r[axis], g.n[axis], width, readLine, at);
+            if (bySegments(g.r[axis])) segments(s, g.r[axis], g.n[axis], width, at);
             else stream(s, g.r[axis], 0, g.n[axis], g.n[axis], width, readLine, at);
             return width * g.n[axis];
         });
