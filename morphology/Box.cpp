@@ -890,8 +890,8 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
         std::fill_n(edge, N, border);
         const V b = O::load(edge);
         for (long i = 0; i <= lines; ++i) {
-            if (poll.cancelled()) throw ExceptionCancelation();
             const long j = i % k;
+            if (j == 0 && poll.cancelled()) throw ExceptionCancelation();  // once a segment
             T* const o = i >= k ? at(i - k) : nullptr;
             const T* const line = i >= r && i < count + r ? at(i - r) : nullptr;
             // Lines a plan apart: the cache is asked for the one a few lines ahead.
