@@ -16,11 +16,11 @@
 // by one into a Window of rows, and each output row leaves it whole. Short rows go a band at a time
 // as whole arrays (the x steps over a chunk of rows at once, in L1, where a call per short row
 // would cost more than its folds, then the y steps); from a reach of 4 along y, each is boxed along
-// x in registers and along y by segments as it is read. Plans, or bands of a plan, run in parallel; a band cut from a plan boxes the
-// rows of its edges again. The plans of a cube then go through a second sweep, along plans, in
-// strips of columns. In place, a band is a whole plan (a band writes a row only after reading every
-// row within reach below it, and no other band reads it); a single plan in place goes as rows and
-// then strips along columns.
+// x in registers and along y by segments as it is read. Plans, or bands of a plan, run in
+// parallel; a band cut from a plan boxes the rows of its edges again. The plans of a cube then go
+// through a second sweep, along plans, in strips of columns. In place, a band is a whole plan (a
+// band writes a row only after reading every row within reach below it, and no other band reads
+// it); a single plan in place goes as rows and then strips along columns.
 //
 // A cube of reach 2 to 7 (2 or 3 for 8-byte voxels), out of place, takes no sweeps: tiles of a
 // plan's rows walk along the plans, boxed along all three axes at once (cubeTiles), so that only
@@ -240,14 +240,22 @@ struct Fold {
         for (; i + N <= n; i += N) O::store(out + i, v(O::load(a + i), O::load(b + i)));
         for (; i < n; ++i) out[i] = generic::f<D>(a[i], b[i]);
     }
-    // The same into the output image, with streaming stores where `stream` and `out` is aligned.
-    static LYN_INLINE void arraysOut(T* out, const T* a, const T* b, long n, bool stream) {
-        if (!stream || (reinterpret_cast<std::uintptr_t>(out) & 31) != 0) return arrays(out, a, b, n);
-        long i = 0;
-        for (; i + N <= n; i += N) SimdVec::storeOut<T>(out + i, v(O::load(a + i), O::load(b + i)), true);
-        for (; i < n; ++i) out[i] = generic::f<D>(a[i], b[i]);
-    }
 };
+
+// The first `count` lanes of v to `out`, with a streaming store where `stream` and the vector is
+// whole and aligned: a line's last vector may end inside it.
+template <class T>
+LYN_INLINE void storeFirst(T* out, typename SimdVec::Ops<T>::V v, long count, bool stream) {
+    using O = SimdVec::Ops<T>;
+    constexpr long N = long(O::N);
+    if (count >= N) {
+        SimdVec::storeOut<T>(out, v, stream);
+    } else {
+        alignas(32) T part[N];
+        O::store(part, v);
+        std::memcpy(out, part, std::size_t(count) * sizeof(T));
+    }
+}
 
 // The first doubling step straight from `row` (n voxels) padded by r >= 1 border values at each
 // end, E: pad[i] = f(E[i], E[i + 1]) for i < n + 2r - 1.
@@ -733,15 +741,7 @@ void cubeTiles(const Plan& g, const MemoryLayout& in, const MemoryLayout& out, T
                 }
             }
         };
-        auto store = [&](T* dst, long x, V v) {
-            if (x + N <= w) {
-                SimdVec::storeOut<T>(dst + x, v, stream);
-            } else {
-                alignas(32) T last[N];
-                O::store(last, v);
-                std::memcpy(dst + x, last, std::size_t(w - x) * sizeof(T));
-            }
-        };
+        auto store = [&](T* dst, long x, V v) { storeFirst<T>(dst + x, v, w - x, stream); };
         auto slotOf = [&](long z) { return ring + (z + R) % (k + 3) * tile; };
         for (long z = -R; z < n2 + R; ++z) {
             if (poll.cancelled()) throw ExceptionCancelation();
@@ -903,9 +903,11 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             if (line && o && i < lines) {
                 // The common case, apart: the loop below tests each vector's case.
                 if (j) {
-                    for (; c < whole; ++c) O::store(o + c * N, seg.template take<true>(j, c * N, O::load(line + c * N)));
+                    for (; c < whole; ++c)
+                        O::store(o + c * N, seg.template take<true>(j, c * N, O::load(line + c * N)));
                 } else {
-                    for (; c < whole; ++c) O::store(o + c * N, seg.template take<false>(j, c * N, O::load(line + c * N)));
+                    for (; c < whole; ++c)
+                        O::store(o + c * N, seg.template take<false>(j, c * N, O::load(line + c * N)));
                 }
             }
             for (; c < vectors; ++c) {
@@ -920,13 +922,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
                     v = O::load(part);
                 }
                 const V window = i < lines ? seg.take(j, x, v) : seg.window(j, x);
-                if (!o) continue;
-                if (c < whole) {
-                    O::store(o + x, window);
-                } else {
-                    O::store(part, window);
-                    std::memcpy(o + x, part, std::size_t(w - x) * sizeof(T));
-                }
+                if (o) storeFirst<T>(o + x, window, w - x, false);
             }
             if (j == k - 1) seg.backward();
         }
@@ -979,15 +975,7 @@ generic::BoxOutcome runTyped(const MemoryLayout& in, const MemoryLayout& out, co
             T* const target = rowOf(out, q, 0);
             auto inRow = [&](long y) { return reinterpret_cast<const T*>(reinterpret_cast<const char*>(source) + y * in.strides[1]); };
             auto outRow = [&](long y) { return reinterpret_cast<T*>(reinterpret_cast<char*>(target) + y * out.strides[1]); };
-            auto put = [&](T* row, long c, V v) {
-                if ((c + 1) * N <= n0) {
-                    SimdVec::storeOut<T>(row + c * N, v, streamOut);
-                } else {
-                    alignas(32) T last[N];
-                    O::store(last, v);
-                    std::memcpy(row + c * N, last, std::size_t(n0 - c * N) * sizeof(T));
-                }
-            };
+            auto put = [&](T* row, long c, V v) { storeFirst<T>(row + c * N, v, n0 - c * N, streamOut); };
             // Band row i, and from i = k on output row i - k, whose window ends at row i - 1; a row
             // past the band's last gives the last output.
             for (long i = 0; i <= m; ++i) {
